@@ -1,0 +1,101 @@
+// Process-wide services as singletons with a defined order of birth and death.
+//
+// Every klSingleton<T> holder registers itself during static construction and does
+// nothing else. klObjectLifetimeManager::Initialize creates all registered singletons in
+// one pass, each after the singletons it uses (declared with klUsesSingleton<T>
+// members); Shutdown destroys them in exactly the reverse order of creation.
+#pragma once
+
+#include "keel/klassert.h"
+
+#include <cstddef>
+
+class klSingletonBase {
+public:
+    klSingletonBase(const klSingletonBase&) = delete;
+    klSingletonBase& operator=(const klSingletonBase&) = delete;
+
+protected:
+    klSingletonBase();
+    // Static destruction: the holder is not unlinked and T is not destroyed here;
+    // that is Shutdown's work.
+    virtual ~klSingletonBase();
+    virtual void Create() = 0;
+    virtual void Destroy() = 0;
+
+    // The creation stack: a created singleton is pushed, and only the top may be popped.
+    void PushCreated();
+    void PopCreated();
+    bool IsCreationTop() const;
+
+    bool mInitialized;                // creation has begun; never cleared again
+    klSingletonBase* mNextRegistered; // next older holder
+    klSingletonBase* mNextCreated;    // the singleton created just before this one
+
+    friend class klObjectLifetimeManager;
+};
+
+class klObjectLifetimeManager {
+public:
+    static void Initialize();
+    static void Shutdown();
+    static bool IsOperating() { return sOperating; }
+
+private:
+    friend class klSingletonBase;
+    static bool sInitialized;
+    static bool sOperating;
+    static klSingletonBase* sRegisteredRoot;
+    static klSingletonBase* sCreateRoot;
+};
+
+template <class T> class klSingleton : public klSingletonBase {
+public:
+    // The singleton; it must have been created (Instance never creates it).
+    static T* Instance() {
+        klAssert(sInstance.mPointer != 0);
+        return sInstance.mPointer;
+    }
+
+    static klSingleton sInstance;
+
+    // Both run only inside Initialize or Shutdown (or on the way, for dependencies).
+    void Create() override {
+        klAssert(klObjectLifetimeManager::IsOperating());
+        // mPointer stays null while T is built, so T asking for itself lands here.
+        if (mInitialized) {
+            klFatal("!mInitialized", "if you see this we have a circular dependency of singletons");
+            return;
+        }
+        mInitialized = true;
+        mPointer = new T();
+        PushCreated();
+    }
+    void Destroy() override {
+        klAssert(klObjectLifetimeManager::IsOperating());
+        if (!klAssert(mInitialized && mPointer != NULL)) return;
+        if (!klAssertAs(IsCreationTop(), "sCreateRoot == this")) return;
+        PopCreated();
+        T* doomed = mPointer;
+        mPointer = nullptr;
+        delete doomed; // mInitialized stays set: a destroyed singleton is never reborn
+    }
+
+private:
+    klSingleton() : mPointer(nullptr) {}
+    ~klSingleton() override = default;
+
+    T* mPointer;
+    template <class> friend class klUsesSingleton;
+};
+
+template <class T> klSingleton<T> klSingleton<T>::sInstance;
+
+// Holding one guarantees that singleton T exists: constructing it creates T when needed.
+template <class T> class klUsesSingleton {
+public:
+    klUsesSingleton() {
+        if (!klSingleton<T>::sInstance.mPointer) klSingleton<T>::sInstance.Create();
+    }
+    virtual ~klUsesSingleton() = default;
+};

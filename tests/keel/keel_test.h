@@ -1,0 +1,80 @@
+// Helpers shared by the keel tests: catching plain assertion reports, and matching the
+// stderr of death tests by substring (GoogleTest's own regex differs between platforms).
+#pragma once
+
+#include "keel/klassert.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace keeltest {
+
+// Installs a report hook for its lifetime and keeps every report: the expression text,
+// the message (or "") and the file. Single-threaded use.
+class CaptureAsserts {
+public:
+    struct Report {
+        std::string expr, message, file;
+        int line;
+    };
+    CaptureAsserts() : mSaved(klAssertReportHook) {
+        sActive = this;
+        klAssertReportHook = &Hook;
+    }
+    ~CaptureAsserts() {
+        klAssertReportHook = mSaved;
+        sActive = nullptr;
+    }
+    const std::vector<Report>& Reports() const { return mReports; }
+    std::vector<std::string> Exprs() const {
+        std::vector<std::string> exprs;
+        for (const Report& r : mReports) exprs.push_back(r.expr);
+        return exprs;
+    }
+    void Clear() { mReports.clear(); }
+
+private:
+    static void Hook(const char* expr, const char* file, int line, const char* message) {
+        sActive->mReports.push_back({expr, message ? message : "", file, line});
+    }
+    static inline CaptureAsserts* sActive = nullptr;
+    klAssertHookFn mSaved;
+    std::vector<Report> mReports;
+};
+
+// Matches a text that holds each needle exactly its count of times (at least once when the
+// count is negative).
+class SubstringMatcher : public testing::MatcherInterface<const std::string&> {
+public:
+    using Needles = std::vector<std::pair<std::string, int>>;
+    explicit SubstringMatcher(Needles needles) : mNeedles(std::move(needles)) {}
+    bool MatchAndExplain(const std::string& text, testing::MatchResultListener* out) const override {
+        for (const auto& [needle, times] : mNeedles) {
+            int count = 0;
+            for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
+                ++count;
+            if (times < 0 ? count == 0 : count != times) {
+                *out << "\"" << needle << "\" found " << count << " times";
+                return false;
+            }
+        }
+        return true;
+    }
+    void DescribeTo(std::ostream* os) const override {
+        for (const auto& [needle, times] : mNeedles) *os << "has \"" << needle << "\" x" << times << " ";
+    }
+
+private:
+    Needles mNeedles;
+};
+
+inline testing::Matcher<const std::string&> Has(std::string needle, int times = -1) {
+    return testing::MakeMatcher(new SubstringMatcher({{std::move(needle), times}}));
+}
+inline testing::Matcher<const std::string&> HasAll(SubstringMatcher::Needles needles) {
+    return testing::MakeMatcher(new SubstringMatcher(std::move(needles)));
+}
+
+} // namespace keeltest

@@ -1,0 +1,108 @@
+// Each scenario runs in a fresh process (a death test that exits normally): the manager
+// runs its two passes once per process, and every singleton this program names is
+// registered in every run.
+#include "keel_test.h"
+
+#include "keel/kllifetime.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+using keeltest::Has;
+using keeltest::HasAll;
+
+namespace {
+
+enum class Scenario { Plain, Circular };
+Scenario gScenario = Scenario::Plain;
+std::string gLog;
+
+void Note(const char* text) {
+    gLog += text;
+    gLog += ' ';
+}
+
+void PrintReport(const char* expr, const char*, int, const char* message) {
+    std::fprintf(stderr, "report(%s%s%s)\n", expr, message ? ", " : "", message ? message : "");
+}
+
+struct Base {
+    Base() { Note("+Base"); }
+    ~Base() { Note("-Base"); }
+};
+// Uses Base, so Base must be born first and die last whatever the registration order.
+struct User {
+    klUsesSingleton<Base> mBase;
+    User() { Note("+User"); }
+    ~User() { Note("-User"); }
+};
+struct Top {
+    klUsesSingleton<User> mUser;
+    Top() { Note("+Top"); }
+    ~Top() { Note("-Top"); }
+};
+struct SelfUser {
+    SelfUser() {
+        if (gScenario == Scenario::Circular) klUsesSingleton<SelfUser> self;
+    }
+};
+// Named so that its holder is registered too.
+[[maybe_unused]] klSingleton<SelfUser>* gSelfHolder = &klSingleton<SelfUser>::sInstance;
+
+[[noreturn]] void Finish() {
+    std::fprintf(stderr, "log: %s\n", gLog.c_str());
+    std::exit(0);
+}
+
+} // namespace
+
+TEST(LifetimeDeathTest, DependenciesComeFirstAndGoLast) {
+    EXPECT_EXIT(
+        {
+            klAssertReportHook = PrintReport;
+            klObjectLifetimeManager::Initialize();
+            Note(klSingleton<Top>::Instance() && klSingleton<Base>::Instance() ? "live" : "missing");
+            klObjectLifetimeManager::Shutdown();
+            Note(klSingleton<Base>::sInstance.Instance() ? "kept" : "gone");
+            Finish();
+        },
+        testing::ExitedWithCode(0),
+        (HasAll({{"log: +Base +User +Top live -Top -User -Base ", 1}, {"report(", 1},
+                {"report(sInstance.mPointer != 0)", 1}})));
+}
+
+TEST(LifetimeDeathTest, CircularDependencyIsFatal) {
+    EXPECT_EXIT(
+        {
+            gScenario = Scenario::Circular;
+            klObjectLifetimeManager::Initialize();
+        },
+        testing::ExitedWithCode(123),
+        Has("ASSERT: assertmsg(!mInitialized, if you see this we have a circular dependency of "
+            "singletons) failed at: core/keel/kllifetime.h:"));
+}
+
+TEST(LifetimeDeathTest, MisuseIsReported) {
+    EXPECT_EXIT(
+        {
+            klAssertReportHook = PrintReport;
+            klSingleton<Base>::Instance();          // before Initialize
+            klObjectLifetimeManager::Shutdown();    // without Initialize
+            klObjectLifetimeManager::Initialize();
+            klObjectLifetimeManager::Initialize();  // twice
+            klSingleton<Base>::sInstance.Destroy(); // not the newest: refused
+            klObjectLifetimeManager::Shutdown();
+            klUsesSingleton<Base> late;             // outside both passes, and already destroyed
+            Finish();
+        },
+        testing::ExitedWithCode(123),
+        (HasAll({{"report(sInstance.mPointer != 0)\n"
+                 "report(sInitialized)\n"
+                 "report(!sInitialized)\n"
+                 "report(klObjectLifetimeManager::IsOperating())\n"
+                 "report(sCreateRoot == this)\n"
+                 "report(klObjectLifetimeManager::IsOperating())\n"
+                 "ASSERT: assertmsg(!mInitialized, if you see this we have a circular dependency",
+                 1}})));
+}
