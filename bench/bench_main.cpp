@@ -11,6 +11,7 @@ namespace {
 
 class PairingReporter : public benchmark::ConsoleReporter {
 public:
+    PairingReporter() : ConsoleReporter(OO_Tabular) {} // plain text: the output is kept in logs
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
