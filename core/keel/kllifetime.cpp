@@ -1,18 +1,15 @@
 #include "keel/kllifetime.h"
 
+#include "keel/klbuffer.h"
+
 bool klObjectLifetimeManager::sInitialized = false;
 bool klObjectLifetimeManager::sOperating = false;
 klSingletonBase* klObjectLifetimeManager::sRegisteredRoot = nullptr;
 klSingletonBase* klObjectLifetimeManager::sCreateRoot = nullptr;
 
-klSingletonBase::klSingletonBase() : mInitialized(false), mNextRegistered(nullptr), mNextCreated(nullptr) {
+void klSingletonBase::Register() {
     mNextRegistered = klObjectLifetimeManager::sRegisteredRoot;
     klObjectLifetimeManager::sRegisteredRoot = this;
-}
-
-klSingletonBase::~klSingletonBase() {
-    mNextRegistered = nullptr;
-    mNextCreated = nullptr;
 }
 
 void klSingletonBase::PushCreated() {
@@ -31,6 +28,9 @@ void klObjectLifetimeManager::Initialize() {
     if (!klAssert(!sInitialized)) return;
     sInitialized = true;
     sOperating = true;
+    // Any singleton may hold small buffers, so the bucket pool is born before all of them
+    // and, being the oldest, dies after all of them.
+    klUsesSingleton<klBlobBucketPool> bucketPool;
     // Newest registration first; a holder already created as someone's dependency is skipped.
     for (klSingletonBase* holder = sRegisteredRoot; holder; holder = holder->mNextRegistered) {
         if (!holder->mInitialized) holder->Create();

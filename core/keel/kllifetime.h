@@ -1,7 +1,8 @@
 // Process-wide services as singletons with a defined order of birth and death.
 //
-// Every klSingleton<T> holder registers itself during static construction and does
-// nothing else. klObjectLifetimeManager::Initialize creates all registered singletons in
+// Every klSingleton<T> holder is constant-initialised (so it is valid before any static
+// constructor runs, even one of a shared library that starts keel from its load hook)
+// and registers itself during static construction, doing nothing else. klObjectLifetimeManager::Initialize creates all registered singletons in
 // one pass, each after the singletons it uses (declared with klUsesSingleton<T>
 // members); Shutdown destroys them in exactly the reverse order of creation.
 #pragma once
@@ -16,10 +17,15 @@ public:
     klSingletonBase& operator=(const klSingletonBase&) = delete;
 
 protected:
-    klSingletonBase();
+    constexpr klSingletonBase() : mInitialized(false), mNextRegistered(nullptr), mNextCreated(nullptr) {}
     // Static destruction: the holder is not unlinked and T is not destroyed here;
     // that is Shutdown's work.
-    virtual ~klSingletonBase();
+    constexpr virtual ~klSingletonBase() {
+        mNextRegistered = nullptr;
+        mNextCreated = nullptr;
+    }
+    // Pushes the holder on the registration list; run once, by its klSingletonRegistration.
+    void Register();
     virtual void Create() = 0;
     virtual void Destroy() = 0;
 
@@ -33,6 +39,13 @@ protected:
     klSingletonBase* mNextCreated;    // the singleton created just before this one
 
     friend class klObjectLifetimeManager;
+    friend class klSingletonRegistration;
+};
+
+// Registers one holder during static construction.
+class klSingletonRegistration {
+public:
+    explicit klSingletonRegistration(klSingletonBase* holder) { holder->Register(); }
 };
 
 class klObjectLifetimeManager {
@@ -53,11 +66,13 @@ template <class T> class klSingleton : public klSingletonBase {
 public:
     // The singleton; it must have been created (Instance never creates it).
     static T* Instance() {
+        (void)&sRegistration;
         klAssert(sInstance.mPointer != 0);
         return sInstance.mPointer;
     }
 
     static klSingleton sInstance;
+    static klSingletonRegistration sRegistration;
 
     // Both run only inside Initialize or Shutdown (or on the way, for dependencies).
     void Create() override {
@@ -82,19 +97,21 @@ public:
     }
 
 private:
-    klSingleton() : mPointer(nullptr) {}
-    ~klSingleton() override = default;
+    constexpr klSingleton() : mPointer(nullptr) {}
+    constexpr ~klSingleton() override = default;
 
     T* mPointer;
     template <class> friend class klUsesSingleton;
 };
 
-template <class T> klSingleton<T> klSingleton<T>::sInstance;
+template <class T> constinit klSingleton<T> klSingleton<T>::sInstance;
+template <class T> klSingletonRegistration klSingleton<T>::sRegistration(&klSingleton<T>::sInstance);
 
 // Holding one guarantees that singleton T exists: constructing it creates T when needed.
 template <class T> class klUsesSingleton {
 public:
     klUsesSingleton() {
+        (void)&klSingleton<T>::sRegistration;
         if (!klSingleton<T>::sInstance.mPointer) klSingleton<T>::sInstance.Create();
     }
     virtual ~klUsesSingleton() = default;

@@ -1,0 +1,286 @@
+#include "keel_test.h"
+
+#include "keel/klbuffer.h"
+#include "keel/klmalloc.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+using Exprs = std::vector<std::string>;
+
+namespace {
+
+std::string Text(const klBlob& blob) {
+    return blob.Size() ? std::string(reinterpret_cast<const char*>(blob.Const()), blob.Size()) : "";
+}
+std::string Pattern(uint32_t n) {
+    std::string s(n, 0);
+    for (uint32_t i = 0; i < n; ++i)
+        s[i] = char('a' + i % 23);
+    return s;
+}
+uint32_t PoolInUse() {
+    return klSingleton<klBlobBucketPool>::Instance()->InUse();
+}
+bool AlignedTo(const void* p, uint32_t alignment) {
+    return reinterpret_cast<uintptr_t>(p) % alignment == 0;
+}
+
+// A singleton holding a small blob for its whole life: it must die before the pool.
+struct BlobHolder {
+    klBlob blob{"held", 4};
+};
+
+} // namespace
+
+class KlBlob : public testing::Test {
+protected:
+    static void SetUpTestSuite() { klObjectLifetimeManager::Initialize(); }
+    static void TearDownTestSuite() { klObjectLifetimeManager::Shutdown(); }
+};
+
+TEST_F(KlBlob, SmallBlobsStayInOnePoolBlockThenMoveToDoublingHeapBuckets) {
+    const std::string data = Pattern(30000);
+    const uint32_t bytesBefore = klProcessBytesInUse(), poolBefore = PoolInUse();
+    {
+        klBlob blob;
+        EXPECT_EQ(nullptr, blob.Const());
+        EXPECT_EQ(nullptr, blob.ConstPtr(0));
+        EXPECT_EQ(nullptr, blob.Extend(0));
+        std::memcpy(blob.Extend(100), data.data(), 100);
+        EXPECT_EQ(2048u, blob.Capacity());
+        EXPECT_EQ(poolBefore + 1, PoolInUse());
+        const uint8_t* first = blob.Const();
+        blob.Append(data.data() + 100, 1948);
+        EXPECT_EQ(first, blob.Const());
+        blob.Append(data.data() + 2048, 1);
+        EXPECT_EQ(4096u, blob.Capacity());
+        EXPECT_EQ(data.substr(0, 2049), Text(blob));
+        EXPECT_EQ(poolBefore, PoolInUse());
+        blob.Append(data.data() + 2049, 2048);
+        EXPECT_EQ(8192u, blob.Capacity());
+        blob.Append(data.data() + 4097, 30000 - 4097); // past the double: exactly what is needed
+        EXPECT_EQ(30000u, blob.Capacity());
+        EXPECT_EQ(data, Text(blob));
+        EXPECT_EQ(2049u, klBlob(data.data(), 2049).Capacity());
+    }
+    EXPECT_EQ(bytesBefore, klProcessBytesInUse());
+}
+
+TEST_F(KlBlob, AlignedBlobsNeverUseThePool) {
+    const uint32_t poolBefore = PoolInUse();
+    for (uint32_t alignment : {16u, 4096u}) {
+        klByteBucket bucket(100, alignment);
+        EXPECT_TRUE(AlignedTo(bucket.GetBytes(), alignment));
+        EXPECT_TRUE(bucket.GetAlignOffset() >= 1 && bucket.GetAlignOffset() <= alignment);
+        klBlob aligned, pooled("pooled", 6);
+        aligned.SetAlignment(alignment);
+        aligned.Set("x", 1);
+        EXPECT_EQ(1u, aligned.Capacity());
+        EXPECT_EQ(poolBefore + 1, PoolInUse());
+        pooled.SetAlignment(alignment);
+        aligned = klBlob("other", 5); // takes the bytes, keeps its own alignment
+        for (const klBlob* blob : {&aligned, &pooled})
+            EXPECT_TRUE(AlignedTo(blob->Const(), alignment));
+        EXPECT_EQ("pooled", Text(pooled));
+        EXPECT_EQ("other", Text(aligned));
+    }
+}
+
+TEST_F(KlBlob, SharedBytesAreCopiedBeforeTheFirstWrite) {
+    klBlob a("hello", 5), b = a;
+    EXPECT_EQ(a.Const(), b.Const());
+    *b.WritePtr(0) = 'j';
+    EXPECT_EQ("hello", Text(a));
+    EXPECT_EQ(b.Const(), b.WritePtr(1) - 1); // unique now: written in place
+    klBlob c = a, d = a;
+    c.Append("!", 1);
+    d.Set("bye", 3);
+    a.Resize(2);
+    EXPECT_EQ("jello hello! bye he", Text(b) + " " + Text(c) + " " + Text(d) + " " + Text(a));
+
+    klBlob large(Pattern(4000).data(), 4000);
+    large.Resize(3000);
+    klBlob sharer = large;
+    sharer.Append("x", 1); // it fits, but the copy of shared bytes is sized exactly
+    EXPECT_EQ(3001u, sharer.Capacity());
+    EXPECT_EQ(Pattern(3000), Text(large));
+
+    klBlob self("abcdef", 6); // bytes taken from the blob itself survive its reallocation
+    self.Set(self.Const() + 1, 5);
+    klBlob selfShared = self;
+    self.Append(self.Const(), 5);
+    selfShared.Set(selfShared.ConstPtr(2), 3);
+    EXPECT_EQ("bcdefbcdef def", Text(self) + " " + Text(selfShared));
+    klBlob grown(Pattern(3000).data(), 3000);
+    grown.Append(grown.Const(), 3000);
+    EXPECT_EQ(Pattern(3000) + Pattern(3000), Text(grown));
+}
+
+TEST_F(KlBlob, ReserveKeepsTheSizeAndReleaseReturnsTheBucket) {
+    const uint32_t poolBefore = PoolInUse();
+    klBlob blob("0123456789", 10);
+    blob.Reserve(5000);
+    EXPECT_EQ(5000u, blob.Capacity());
+    EXPECT_EQ("0123456789", Text(blob));
+    EXPECT_EQ(poolBefore, PoolInUse());
+    blob.Resize(0);
+    EXPECT_EQ(nullptr, blob.Const());
+    blob.Reserve(100);
+    EXPECT_EQ(0u, blob.Size());
+    EXPECT_EQ(poolBefore + 1, PoolInUse());
+    blob.Clear();
+    EXPECT_EQ(0u, blob.Capacity());
+    EXPECT_EQ(poolBefore, PoolInUse());
+}
+
+TEST_F(KlBlob, BrokenContractsAreReported) {
+    keeltest::CaptureAsserts capture;
+    klBlob blob("abc", 3);
+    EXPECT_EQ(blob.Const() + 3, blob.ConstPtr(3));
+    EXPECT_EQ(nullptr, blob.ConstPtr(4));
+    EXPECT_EQ(nullptr, blob.WritePtr(4));
+    EXPECT_FALSE(klByteBucket::Acquire(0, 0));
+    klByteBucket zero(0, 0);
+    zero.SetSize(2);
+    EXPECT_EQ(0u, zero.GetSize());
+    EXPECT_EQ((Exprs{"offset <= Size()", "offset <= size", "size > 0", "mAllocated > 0",
+                     "sz <= mAllocated"}),
+              capture.Exprs());
+    EXPECT_EQ("core/keel/klbuffer.h", capture.Reports().back().file);
+    capture.Clear();
+
+    // The pool's deleter refuses buckets that are not its blocks and leaves them alone.
+    const uint32_t poolBefore = PoolInUse();
+    auto* aligned = new klByteBucket(100, 16);
+    klBlobBucketPool::PooledByteBucket::Deleter()(aligned);
+    auto* small = new klByteBucket(100, 0);
+    klBlobBucketPool::PooledByteBucket::Deleter()(small);
+    EXPECT_EQ((Exprs{"mAlignOffset == 0", "mAllocated == BUCKET_POOL_MEMORY_SIZE",
+                     "mAllocated == BUCKET_POOL_MEMORY_SIZE"}),
+              capture.Exprs());
+    EXPECT_EQ(poolBefore, PoolInUse());
+    delete aligned;
+    delete small;
+}
+
+TEST_F(KlBlob, ConcurrentCopiesWriteOnlyTheirOwnBytes) {
+    const uint32_t poolBefore = PoolInUse();
+    const std::string expected = Pattern(1000);
+    const klBlob original(expected.data(), 1000);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 1000; ++i) {
+                klBlob copy = original, second;
+                second = copy;
+                if (i % 4 == t % 4) *second.WritePtr(999) = uint8_t(t);
+                if (i % 8 == t % 8) copy.Append(&i, sizeof(i));
+                EXPECT_EQ(expected.back(), char(original.Const()[999]));
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(expected, Text(original));
+    EXPECT_EQ(poolBefore + 1, PoolInUse());
+}
+
+TEST(KlBlobDeathTest, BlobsWorkBeforeDuringAndAfterTheLifetimeManager) {
+    EXPECT_EXIT(
+        {
+            klAssertReportHook = [](const char* expr, const char*, int, const char*) {
+                std::fprintf(stderr, "report(%s)\n", expr);
+            };
+            {
+                klBlob before("abc", 3); // no pool yet: heap buckets of exact size
+                klBlob copy = before;
+                copy.Append("def", 3);
+                std::fprintf(stderr, "%s %s %u\n", Text(before).c_str(), Text(copy).c_str(),
+                             copy.Capacity());
+            }
+            klObjectLifetimeManager::Initialize();
+            std::fprintf(stderr, "held: %u %u\n",
+                         klSingleton<BlobHolder>::Instance()->blob.Capacity(), PoolInUse());
+            klObjectLifetimeManager::Shutdown();
+            std::fprintf(stderr, "after: %u\n", klBlob("after", 5).Capacity());
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0),
+        keeltest::HasAll(
+            {{"abc abcdef 6\n", 1}, {"held: 2048 1\n", 1}, {"after: 5\n", 1}, {"report(", 0}}));
+}
+
+TEST(KlBufferStream, TransfersClipAtTheEndOfTheBlock) {
+    keeltest::CaptureAsserts capture;
+    uint8_t block[10] = {};
+    klBufferStream buffer(block, sizeof(block));
+    klStream& stream = buffer;
+    const std::string data = Pattern(20);
+    char out[8] = {};
+    EXPECT_EQ(4u, stream.Write(data.data(), 4));
+    EXPECT_EQ(6u, stream.Write(data.data() + 4, 10));
+    EXPECT_EQ(0u, stream.Write(data.data(), 1));
+    EXPECT_EQ(10u, stream.Tell());
+    EXPECT_EQ(data.substr(0, 10), std::string(block, block + 10));
+    stream.Seek(klSeekEnd, -3);
+    EXPECT_EQ(7u, stream.Tell());
+    EXPECT_EQ(3u, stream.Read(out, 5));
+    stream.Seek(klSeekStart, 2);
+    stream.Seek(klSeekCurrent, 3);
+    EXPECT_EQ(2u, stream.Read(out + 3, 2));
+    EXPECT_EQ(data.substr(7, 3) + data.substr(5, 2), std::string(out, 5));
+    EXPECT_TRUE(capture.Reports().empty());
+
+    stream.Seek(klSeekStart, 12); // reported but kept; the transfers then move nothing
+    EXPECT_EQ(12u, stream.Tell());
+    EXPECT_EQ(0u, stream.Read(out, 1));
+    EXPECT_EQ(0u, stream.Write(out, 1));
+    EXPECT_EQ(0u, klBufferStream(nullptr, 10).Write(out, 1));
+    Exprs expected(5, "mIndex <= mSize");
+    expected.push_back("data != NULL");
+    EXPECT_EQ(expected, capture.Exprs());
+}
+
+TEST(KlStringStream, WritesInsertAndReadsLeaveThePosition) {
+    klString text = "abc";
+    klStringStream stream(&text, 1);
+    char out[10] = {};
+    EXPECT_EQ(2u, stream.Write("XY", 2));
+    EXPECT_EQ(text, "aXYbc");
+    EXPECT_EQ(2u, stream.Read(out, 10));
+    EXPECT_EQ(3u, stream.Tell());
+    EXPECT_EQ("bc", std::string(out));
+    stream.Seek(klSeekEnd, -1);
+    EXPECT_EQ(4u, stream.Tell());
+    klString shared = text;
+    stream.Reserve(100);
+    EXPECT_GE(text.Capacity(), 100u);
+    EXPECT_NE(shared.Const(), text.Const());
+    EXPECT_EQ(text, "aXYbc");
+
+    keeltest::CaptureAsserts capture;
+    stream.Seek(klSeekCurrent, 5);
+    EXPECT_EQ(0u, stream.Read(out, 1));
+    EXPECT_EQ(0u, stream.Write("Z", 1)); // past the end: the insert is refused, nothing moves
+    EXPECT_EQ(9u, stream.Tell());
+    klStringStream nothing(nullptr, 2);
+    EXPECT_EQ(0u, nothing.Write("Z", 1) + nothing.Read(out, 1));
+    EXPECT_EQ((Exprs{"index <= Size()", "mString != NULL"}), capture.Exprs());
+}
+
+TEST(KlNullStream, CountsTheRunningPositionAndStoresNothing) {
+    klNullStream null;
+    EXPECT_EQ(5u, null.Write("12345", 5));
+    EXPECT_EQ(12u, null.Write("1234567", 7));
+    null.Seek(klSeekEnd, -5);
+    EXPECT_EQ(12u, null.Tell());
+    EXPECT_EQ(15u, null.Read(nullptr, 3));
+    null.Seek(klSeekCurrent, -5);
+    EXPECT_EQ(10u, null.Tell());
+    null.Seek(klSeekStart, 0);
+    EXPECT_EQ(0u, null.Tell());
+}
