@@ -35,6 +35,12 @@ int FormatPositionalV(char* buf, size_t bufSize, const char* format, va_list arg
 
 bool IsDebuggerAttached();
 
+// Full path of the running program; empty when the system will not say.
+void ExecutablePath(char* buf, size_t bufSize);
+
+// Sets a variable of this process's environment; false on failure.
+bool SetEnv(const char* name, const char* value);
+
 // Hands a fatal report to an attached debugger. Returns only when the debugger lets
 // the program go on (and always when the report is continuable).
 void RaiseDebuggerReport(uint32_t code, bool continuable, const char* kind, const char* message);

@@ -79,6 +79,13 @@ bool IsDebuggerAttached() {
     return tracer && std::atoi(tracer + std::strlen("TracerPid:")) != 0;
 }
 
+void ExecutablePath(char* buf, size_t bufSize) {
+    ssize_t length = readlink("/proc/self/exe", buf, bufSize - 1);
+    buf[length > 0 ? length : 0] = 0;
+}
+
+bool SetEnv(const char* name, const char* value) { return setenv(name, value, 1) == 0; }
+
 void RaiseDebuggerReport(uint32_t, bool, const char*, const char*) {
     // A debugger stops on SIGTRAP; the report itself reaches it through stderr.
     raise(SIGTRAP);

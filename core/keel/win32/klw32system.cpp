@@ -55,6 +55,13 @@ int FormatPositionalV(char* buf, size_t bufSize, const char* format, va_list arg
 
 bool IsDebuggerAttached() { return IsDebuggerPresent() != FALSE; }
 
+void ExecutablePath(char* buf, size_t bufSize) {
+    DWORD length = GetModuleFileNameA(nullptr, buf, DWORD(bufSize));
+    buf[length < bufSize ? length : 0] = 0;
+}
+
+bool SetEnv(const char* name, const char* value) { return _putenv_s(name, value) == 0; }
+
 namespace {
 DWORD gSwallowedCode = 0;
 LONG CALLBACK SwallowReport(EXCEPTION_POINTERS* info) {

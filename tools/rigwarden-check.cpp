@@ -1,0 +1,181 @@
+// rigwarden-check: judges this machine (or a captured Linux snapshot) against a
+// graphics-card database and prints the report for people or, with --json, for scripts.
+//
+// Exit status: 0 meets the minimum spec, 1 below it, 2 a probe failed, 64 bad usage.
+#include "oRigwarden.h"
+
+#include "keel/klfilesystem.h"
+#include "keel/kllifetime.h"
+#include "keel/klplatform.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#ifndef RIGWARDEN_VERSION
+#define RIGWARDEN_VERSION "0.0.0"
+#endif
+
+namespace {
+
+enum ExitCode { kMeetsSpec = 0, kBelowSpec = 1, kProbeError = 2, kUsageError = 64 };
+
+const char kUsage[] =
+    "usage: rigwarden-check [--db DIR] [--root DIR] [--json]\n"
+    "       rigwarden-check --help | --version\n"
+    "\n"
+    "Judges this machine against the graphics-card database in DIR (every *.cfg file).\n"
+    "  --db DIR     database folder (default: the bundled database)\n"
+    "  --root DIR   read sys/ and proc/ below DIR instead of / (Linux snapshots;\n"
+    "               the same as setting RIGWARDEN_ROOT)\n"
+    "  --json       print the answer as JSON\n"
+    "Exit status: 0 meets the minimum spec, 1 below it, 2 a probe failed, 64 bad usage.\n";
+
+struct Options {
+    klString database;
+    const char* root = nullptr;
+    bool json = false;
+};
+
+// The database shipped with the tool: beside an installed tool, else in the source tree.
+klString BundledDatabase() {
+    char exe[1024];
+    kl::platform::ExecutablePath(exe, sizeof(exe));
+    klString folder(exe);
+    int32_t slash = std::max(folder.Find('/', true), folder.Find('\\', true));
+    if (slash >= 0) {
+        klString installed = klFileSystem::CombinePath(folder.SubString(0, uint32_t(slash)), "../share/rigwarden/gpudb");
+        if (klFileSystem::FileExists(installed)) return installed;
+    }
+    return RIGWARDEN_SOURCE_GPUDB;
+}
+
+// Returns -1 when the options are good, else the exit code to leave with.
+int ParseOptions(int argc, char** argv, Options& options) {
+    for (int i = 1; i < argc; ++i) {
+        const char* arg = argv[i];
+        bool hasValue = i + 1 < argc;
+        if (std::strcmp(arg, "--help") == 0) {
+            std::fputs(kUsage, stdout);
+            return kMeetsSpec;
+        } else if (std::strcmp(arg, "--version") == 0) {
+            std::printf("rigwarden-check %s\n", RIGWARDEN_VERSION);
+            return kMeetsSpec;
+        } else if (std::strcmp(arg, "--json") == 0) {
+            options.json = true;
+        } else if (std::strcmp(arg, "--db") == 0 && hasValue) {
+            options.database = argv[++i];
+        } else if (std::strcmp(arg, "--root") == 0 && hasValue) {
+            options.root = argv[++i];
+        } else {
+            std::fprintf(stderr, "rigwarden-check: %s '%s'\n%s",
+                         std::strncmp(arg, "--", 2) == 0 && !hasValue ? "missing value for" : "unknown option",
+                         arg, kUsage);
+            return kUsageError;
+        }
+    }
+    if (options.database.IsEmpty()) options.database = BundledDatabase();
+    return -1;
+}
+
+void PrintJsonString(const klString& text) {
+    std::putchar('"');
+    for (const char* at = text.Const(); *at; ++at) {
+        unsigned char c = static_cast<unsigned char>(*at);
+        if (c == '"' || c == '\\')
+            std::printf("\\%c", c);
+        else if (c == '\n')
+            std::fputs("\\n", stdout);
+        else if (c == '\r')
+            std::fputs("\\r", stdout);
+        else if (c == '\t')
+            std::fputs("\\t", stdout);
+        else if (c < 0x20)
+            std::printf("\\u%04x", c);
+        else
+            std::putchar(c);
+    }
+    std::putchar('"');
+}
+
+void PrintJson(const vsQueryResult& result) {
+    auto flag = [](bool value) { return value ? "true" : "false"; };
+    std::printf("{\n  \"IsError\": %s,\n  \"ErrorMessage\": ", flag(!result.probeErrors.IsEmpty()));
+    PrintJsonString(result.probeErrors);
+    std::printf(",\n  \"IsUnderMinSpec\": %s,\n  \"UnderMinSpecReason\": ", flag(result.spec.underMinSpec));
+    PrintJsonString(result.spec.underMinSpecReason);
+    std::printf(",\n  \"BestGpuIndex\": %u,\n  \"GpuInfo\": [", result.bestIndex);
+    for (size_t i = 0; i < result.adapters.size(); ++i) {
+        const vsGpuInfo& gpu = result.adapters[i];
+        std::printf("%s\n    {\n      \"AdapterName\": ", i ? "," : "");
+        PrintJsonString(gpu.name);
+        std::printf(",\n      \"VendorId\": %u,\n      \"DeviceId\": %u,\n      \"NotListed\": %s,\n"
+                    "      \"NotListedInfo\": ",
+                    gpu.vendorId, gpu.deviceId, flag(gpu.notListed));
+        PrintJsonString(gpu.notListedInfo);
+        std::printf(",\n      \"RecommendedVideoQuality\": %d,\n      \"RecommendedWidth\": %u,\n"
+                    "      \"Benchmark\": %u,\n      \"Mobile\": %s\n    }",
+                    gpu.recommendedVideoQuality, gpu.recommendedWidth, gpu.benchmark, flag(gpu.mobile));
+    }
+    std::printf("%s],\n  \"CpuCount\": %u,\n  \"CpuMHz\": %u,\n  \"TotalPhysicalMemory\": %llu\n}\n",
+                result.adapters.empty() ? "" : "\n  ", result.cpuCount, result.cpuMHz,
+                static_cast<unsigned long long>(result.totalPhysBytes));
+}
+
+// Prints each line of text behind an indent.
+void PrintIndented(const klString& text, const char* indent) {
+    for (const klString& line : Split(text.Const(), "\n")) std::printf("%s%s\n", indent, line.Const());
+}
+
+void PrintText(const vsQueryResult& result, const klString& database) {
+    std::printf("Database:   %s\n", database.Const());
+    std::printf("Processor:  %u logical processors at %u MHz\n", result.cpuCount, result.cpuMHz);
+    std::printf("Memory:     %llu MB\n", static_cast<unsigned long long>(result.totalPhysBytes >> 20));
+    std::printf("Display adapters: %u\n", unsigned(result.adapters.size()));
+    for (size_t i = 0; i < result.adapters.size(); ++i) {
+        const vsGpuInfo& gpu = result.adapters[i];
+        bool best = i == result.bestIndex;
+        std::printf("  %s[%u] %s (%04x:%04x)%s\n", best ? "* " : "  ", unsigned(i), gpu.name.Const(),
+                    gpu.vendorId, gpu.deviceId, best ? "  <- best" : "");
+        if (gpu.notListed)
+            std::printf("        not in the database: %s\n", gpu.notListedInfo.Const());
+        else
+            std::printf("        quality %d, width %u, benchmark %u, %s\n", gpu.recommendedVideoQuality,
+                        gpu.recommendedWidth, gpu.benchmark, gpu.mobile ? "mobile" : "not mobile");
+    }
+    if (!result.probeErrors.IsEmpty()) {
+        std::printf("Probe errors:\n");
+        PrintIndented(result.probeErrors, "  ");
+    }
+    if (result.spec.underMinSpec) {
+        std::printf("Verdict:    BELOW the minimum spec\n");
+        PrintIndented(result.spec.underMinSpecReason, "  ");
+    } else {
+        std::printf("Verdict:    meets the minimum spec\n");
+    }
+}
+
+int Run(const Options& options) {
+    if (options.root && !kl::platform::SetEnv("RIGWARDEN_ROOT", options.root)) {
+        std::fprintf(stderr, "rigwarden-check: cannot use root folder '%s'\n", options.root);
+        return kUsageError;
+    }
+    vsQueryResult result = oRigwarden::RunQuery(options.database);
+    if (options.json)
+        PrintJson(result);
+    else
+        PrintText(result, options.database);
+    if (!result.probeErrors.IsEmpty()) return kProbeError;
+    return result.spec.underMinSpec ? kBelowSpec : kMeetsSpec;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    klObjectLifetimeManager::Initialize();
+    Options options;
+    int code = ParseOptions(argc, argv, options);
+    if (code < 0) code = Run(options);
+    klObjectLifetimeManager::Shutdown();
+    return code;
+}
