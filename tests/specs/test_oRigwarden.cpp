@@ -184,3 +184,39 @@ TEST(Collector, ParsesIdsInheritsCutsAndDedupes) {
     fresh.Add(true, zero, "zero ids");
     EXPECT_TRUE(none.empty());
 }
+
+TEST(Database, BadInputIsReadAsFarAsItGoes) {
+    DatabaseFolder db;
+    std::string binary(65536, '\0');
+    for (size_t i = 0; i < binary.size(); ++i) {
+        binary[i] = char((i * 2654435761u) >> 13);
+        if (std::strchr(", \t", binary[i])) binary[i] = 'x'; // noise, but never a record
+    }
+    db.Write("a-binary.cfg", binary);
+    db.Write("b-long.cfg", std::string(1 << 20, 'x') + "\n" + std::string(1 << 20, ',') +
+                               "\n10DE, 0001, 2, 1920, 700, D\n");
+    db.Write("c-garbage.cfg", "zz10DE, 0xGG, abc, -5x, 99999999999999999999, Mobile\n"
+                              "0x10DE 0x0002 +3 1e3 12abc m\n");
+    std::string huge;
+    for (int i = 0; i < 200000; ++i) huge += "1234, " + std::to_string(i) + ", 1, 1280, 10, D ; filler\n";
+    db.Write("d-huge.cfg", huge);
+    db.Write("e-unreadable.cfg", "10DE, 0003, 4, 3840, 9000, D\n");
+    std::filesystem::permissions(std::filesystem::path(db.Path().Const()) / "e-unreadable.cfg",
+                                 std::filesystem::perms::none);
+
+    auto adapters = Adapters({{0x10DE, 0x1}, {0x10DE, 0x2}, {0x0, 0x0}, {0x1234, 0x199999}});
+    uint32_t best = 99;
+    oRigwarden::GetGpuInfo({db.Path()}, adapters, best);
+    EXPECT_EQ(700u, adapters[0].benchmark); // the record after the 1 MB lines
+    EXPECT_EQ(3, adapters[1].recommendedVideoQuality);
+    EXPECT_EQ(1u, adapters[1].recommendedWidth); // "1e3" stops at the "e"
+    EXPECT_EQ(12u, adapters[1].benchmark);
+    EXPECT_TRUE(adapters[1].mobile);
+    // "zz10DE" and "0xGG" have no digits: the record is for vendor 0, device 0.
+    EXPECT_FALSE(adapters[2].notListed);
+    EXPECT_EQ(0, adapters[2].recommendedVideoQuality);         // "abc"
+    EXPECT_EQ(4294967291u, adapters[2].recommendedWidth);      // "-5x" wraps
+    EXPECT_EQ(0xFFFFFFFFu, adapters[2].benchmark);              // saturated, then cut to 32 bits
+    EXPECT_FALSE(adapters[3].notListed); // ids are hexadecimal: "199999" is one of 200000 records
+    EXPECT_LT(best, adapters.size());
+}

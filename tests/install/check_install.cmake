@@ -1,0 +1,19 @@
+# Installs the build into a scratch prefix, then configures, builds and runs a consumer
+# that finds it with find_package(rigwarden).
+set(prefix ${WORK}/prefix)
+file(REMOVE_RECURSE ${WORK})
+foreach(step
+        "${CMAKE_COMMAND};--install;${BUILD};--prefix;${prefix}"
+        "${CMAKE_COMMAND};-S;${SOURCE};-B;${WORK}/consumer;-DCMAKE_PREFIX_PATH=${prefix};-DCMAKE_C_COMPILER=${CC}"
+        "${CMAKE_COMMAND};--build;${WORK}/consumer"
+        "${WORK}/consumer/consumer")
+    execute_process(COMMAND ${step} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+    if(NOT rc EQUAL 0)
+        message(FATAL_ERROR "${step} failed (${rc}):\n${out}\n${err}")
+    endif()
+endforeach()
+message(STATUS "${out}")
+if(NOT EXISTS ${prefix}/share/rigwarden/gpudb/nvidia.cfg OR NOT EXISTS ${prefix}/lib/cmake/keel/keelConfig.cmake
+   OR NOT EXISTS ${prefix}/include/keel/klstring.h)
+    message(FATAL_ERROR "the database, keel's package file or its headers were not installed")
+endif()
