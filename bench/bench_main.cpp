@@ -16,7 +16,8 @@ public:
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
             if (run.run_type != Run::RT_Iteration || run.iterations == 0) continue;
-            mNanos[run.benchmark_name()] = run.GetAdjustedRealTime();
+            // In nanoseconds, whatever unit the benchmark reports in.
+            mNanos[run.benchmark_name()] = run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit) * 1e9;
         }
     }
 

@@ -5,6 +5,7 @@
 #include "keel/kllineparser.h"
 #include "keel/klmath.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -21,67 +22,80 @@ constexpr uint32_t kAdvertisedMemoryMB = 2048;
 
 constexpr int kRecordTokens = 6;
 
-struct vsDatabaseRecord {
-    uint32_t vendorId;
-    uint32_t deviceId;
-    int32_t quality;
-    uint32_t width;
-    uint32_t benchmark;
-    bool mobile;
+struct Token {
+    const char* begin;
+    const char* end;
 };
 
-// Splits text in place at runs of comma, space and tab; at most `max` tokens.
-int Tokenize(char* text, char** tokens, int max) {
-    static const char kDelimiters[] = ", \t";
-    int count = 0;
-    char* at = text;
-    while (count < max) {
-        at += std::strspn(at, kDelimiters);
-        if (!*at) break;
-        tokens[count++] = at;
-        at += std::strcspn(at, kDelimiters);
-        if (*at) *at++ = 0;
+// What each byte does to a record line: separate tokens (comma, space, tab), end the
+// record (";" starts the comment; a zero byte is where a C string of the line would end),
+// or nothing.
+enum CharClass : uint8_t { kOrdinary, kDelimiter, kStop };
+constexpr struct CharClasses {
+    CharClass of[256] = {};
+    constexpr CharClasses() {
+        of[uint8_t(',')] = of[uint8_t(' ')] = of[uint8_t('\t')] = kDelimiter;
+        of[uint8_t(';')] = of[0] = kStop;
     }
-    return count;
-}
+} kClasses;
 
-// Numbers parse as far as their digits go and are cut to 32 bits: "-1" as a width
-// wraps to 4294967295, and a token without digits reads 0.
-uint32_t ParseUnsigned(const char* token, int base) {
-    return static_cast<uint32_t>(std::strtoull(token, nullptr, base));
-}
-int32_t ParseSigned(const char* token) { return static_cast<int32_t>(std::strtoll(token, nullptr, 10)); }
+CharClass ClassOf(const char* at) { return kClasses.of[uint8_t(*at)]; }
 
-// A line is a record when six tokens remain after its comment is cut off.
-bool ParseRecord(const klString& line, vsDatabaseRecord& record) {
-    klString text = line; // a private copy: Ptr() unshares it before we cut into it
-    char* chars = text.Ptr();
-    if (!chars) return false;
-    if (char* comment = std::strchr(chars, ';')) *comment = 0;
-    char* tokens[kRecordTokens];
-    if (Tokenize(chars, tokens, kRecordTokens) < kRecordTokens) return false;
-    record.vendorId = ParseUnsigned(tokens[0], 16);
-    record.deviceId = ParseUnsigned(tokens[1], 16);
-    record.quality = ParseSigned(tokens[2]);
-    record.width = ParseUnsigned(tokens[3], 10);
-    record.benchmark = ParseUnsigned(tokens[4], 10);
-    record.mobile = tokens[5][0] == 'M' || tokens[5][0] == 'm';
+// The next token at or after `at`, or false at the end of the record.
+bool NextToken(const char*& at, Token& token) {
+    while (ClassOf(at) == kDelimiter) ++at;
+    if (ClassOf(at) == kStop) return false;
+    token.begin = at;
+    while (ClassOf(at) == kOrdinary) ++at;
+    token.end = at;
     return true;
 }
 
-// Every adapter still unlisted with these ids takes the record, so the first record for
-// a pair wins across lines and files.
-void ApplyRecord(const vsDatabaseRecord& record, std::vector<vsGpuInfo>& adapters) {
+uint32_t Narrow(uint64_t value) { return static_cast<uint32_t>(value); }
+
+bool WantsRecord(const std::vector<vsGpuInfo>& adapters, uint32_t vendorId, uint32_t deviceId) {
+    for (const vsGpuInfo& adapter : adapters)
+        if (adapter.notListed && adapter.vendorId == vendorId && adapter.deviceId == deviceId) return true;
+    return false;
+}
+
+// A line is a record when six tokens come before its comment; every adapter still
+// unlisted with the record's ids takes it, so the first record for a pair wins across
+// lines and files. Most records are for cards this machine does not have, so the ids are
+// read first and the rest of the line only when some adapter wants it.
+void ApplyLine(const klString& line, std::vector<vsGpuInfo>& adapters) {
+    const char* at = line.Const();
+    Token tokens[kRecordTokens];
+    if (!NextToken(at, tokens[0]) || !NextToken(at, tokens[1])) return;
+    uint32_t vendorId = Narrow(oRigwarden::ParseNumberToken(tokens[0].begin, tokens[0].end, 16, false));
+    uint32_t deviceId = Narrow(oRigwarden::ParseNumberToken(tokens[1].begin, tokens[1].end, 16, false));
+    if (!WantsRecord(adapters, vendorId, deviceId)) return;
+    for (int i = 2; i < kRecordTokens; ++i)
+        if (!NextToken(at, tokens[i])) return;
     for (vsGpuInfo& adapter : adapters) {
-        if (!adapter.notListed || adapter.vendorId != record.vendorId || adapter.deviceId != record.deviceId)
-            continue;
+        if (!adapter.notListed || adapter.vendorId != vendorId || adapter.deviceId != deviceId) continue;
         adapter.notListed = false;
-        adapter.recommendedVideoQuality = record.quality;
-        adapter.recommendedWidth = record.width;
-        adapter.benchmark = record.benchmark;
-        adapter.mobile = record.mobile;
+        adapter.recommendedVideoQuality =
+            static_cast<int32_t>(oRigwarden::ParseNumberToken(tokens[2].begin, tokens[2].end, 10, true));
+        adapter.recommendedWidth = Narrow(oRigwarden::ParseNumberToken(tokens[3].begin, tokens[3].end, 10, false));
+        adapter.benchmark = Narrow(oRigwarden::ParseNumberToken(tokens[4].begin, tokens[4].end, 10, false));
+        adapter.mobile = *tokens[5].begin == 'M' || *tokens[5].begin == 'm';
     }
 }
+
+// The value of each byte as a digit of any base up to 36; 99 for a byte that is none.
+constexpr struct DigitValues {
+    uint8_t of[256] = {};
+    constexpr DigitValues() {
+        for (int c = 0; c < 256; ++c) of[c] = 99;
+        for (int c = '0'; c <= '9'; ++c) of[c] = uint8_t(c - '0');
+        for (int c = 'a'; c <= 'z'; ++c) of[c] = of[c - 32] = uint8_t(c - 'a' + 10);
+    }
+} kDigits;
+
+uint32_t DigitValue(char c) { return kDigits.of[uint8_t(c)]; }
+
+bool IsCSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 std::vector<klString> ListDatabaseFiles(const std::vector<klString>& dirs) {
     std::vector<klString> paths;
@@ -121,12 +135,30 @@ void vsAdapterCollector::Add(bool attachedToDesktop, char* deviceId, const char*
     mAdapters.emplace_back(name, mVendorId, mDeviceId);
 }
 
+uint64_t oRigwarden::ParseNumberToken(const char* begin, const char* end, int base, bool isSigned) {
+    const char* at = begin;
+    while (at < end && IsCSpace(*at)) ++at;
+    bool negative = at < end && *at == '-';
+    if (at < end && (*at == '-' || *at == '+')) ++at;
+    if (base == 16 && end - at >= 3 && at[0] == '0' && (at[1] | 0x20) == 'x' && DigitValue(at[2]) < 16) at += 2;
+    uint64_t value = 0;
+    bool overflow = false;
+    for (uint32_t digit; at < end && (digit = DigitValue(*at)) < uint32_t(base); ++at) {
+        overflow |= __builtin_mul_overflow(value, uint64_t(base), &value);
+        overflow |= __builtin_add_overflow(value, uint64_t(digit), &value);
+    }
+    if (isSigned) {
+        const uint64_t limit = negative ? uint64_t(INT64_MAX) + 1 : uint64_t(INT64_MAX);
+        if (overflow || value > limit) return negative ? uint64_t(INT64_MIN) : uint64_t(INT64_MAX);
+    } else if (overflow) {
+        return UINT64_MAX;
+    }
+    return negative ? 0 - value : value;
+}
+
 void oRigwarden::ApplyDatabaseText(const uint8_t* data, uint32_t size, std::vector<vsGpuInfo>& adapters) {
     klLineParser parser(data, size);
-    vsDatabaseRecord record;
-    while (parser.ReadLine()) {
-        if (ParseRecord(parser.GetLineText(), record)) ApplyRecord(record, adapters);
-    }
+    while (parser.ReadLine()) ApplyLine(parser.GetLineText(), adapters);
 }
 
 uint32_t oRigwarden::ChooseBestAdapter(const std::vector<vsGpuInfo>& adapters) {

@@ -72,6 +72,11 @@ public:
     // Applies the records of one database file's bytes to the adapters still not listed.
     static void ApplyDatabaseText(const uint8_t* data, uint32_t size, std::vector<vsGpuInfo>& adapters);
     static uint32_t ChooseBestAdapter(const std::vector<vsGpuInfo>& adapters);
+    // A database number read from the token [begin, end) by the C runtime's rules for
+    // strtoull (isSigned false) or strtoll (true): leading white space, a sign, "0x" before
+    // hexadecimal digits, digits up to the first non-digit, saturation on overflow. The
+    // database reads tokens where they lie, without copying them out to terminate them.
+    static uint64_t ParseNumberToken(const char* begin, const char* end, int base, bool isSigned);
 
     // One whole query: probe this machine, read the database folder, judge.
     static vsQueryResult RunQuery(const klString& databaseDir);
