@@ -258,19 +258,20 @@ void NameFromPciIds(std::vector<PciDisplayDevice>& devices) {
     ChunkedLineReader reader(file);
     std::string_view line, name;
     uint32_t vendor = 0, id = 0;
+    bool vendorWanted = false; // device lines of other vendors are skipped unread
     klString vendorName;
     size_t unnamed = devices.size();
     while (unnamed > 0 && reader.Next(line)) {
         if (line.empty() || line[0] == '#') continue;
         if (line[0] != '\t') {
             if (line.size() > 1 && line[0] == 'C' && line[1] == ' ') break;
-            if (ParseIdLine(line, vendor, name))
-                vendorName = klString(name.data(), uint32_t(name.size()));
-            else
-                vendor = 0;
+            vendorWanted = ParseIdLine(line, vendor, name) &&
+                           std::any_of(devices.begin(), devices.end(),
+                                       [&](const PciDisplayDevice& device) { return device.vendor == vendor; });
+            if (vendorWanted) vendorName = klString(name.data(), uint32_t(name.size()));
             continue;
         }
-        if (line.size() < 2 || line[1] == '\t' || !ParseIdLine(line.substr(1), id, name)) continue;
+        if (!vendorWanted || line.size() < 2 || line[1] == '\t' || !ParseIdLine(line.substr(1), id, name)) continue;
         for (PciDisplayDevice& device : devices) {
             if (device.vendor != vendor || device.device != id || !device.name.IsEmpty()) continue;
             device.name = klpf("%s %.*s", vendorName.Const(), int(name.size()), name.data());
