@@ -43,6 +43,13 @@ TEST(ProbePosix, DisabledDevicesUnknownNamesAndBusOrder) {
     EXPECT_STREQ("Display adapter [1234:abcd]", adapters[0].name.Const());
     EXPECT_STREQ("Display adapter [1002:744c]", adapters[1].name.Const());
 
+    FakeMachine compute("3d-only"); // a compute card or a headless GPU: a 3D controller alone
+    compute.AddPciIds();
+    compute.AddPci("0000:41:00.0", 0x030200, 0x10de, 0x2684);
+    compute.Use();
+    ASSERT_EQ(1u, ReadAdapters().size());
+    EXPECT_STREQ("NVIDIA Corporation AD102 [GeForce RTX 4090]", ReadAdapters()[0].name.Const());
+
     FakeMachine empty("nogpu");
     empty.Use();
     EXPECT_TRUE(ReadAdapters().empty());
