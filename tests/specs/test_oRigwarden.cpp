@@ -201,8 +201,8 @@ TEST(Database, BadInputIsReadAsFarAsItGoes) {
     for (int i = 0; i < 200000; ++i) huge += "1234, " + std::to_string(i) + ", 1, 1280, 10, D ; filler\n";
     db.Write("d-huge.cfg", huge);
     db.Write("e-unreadable.cfg", "10DE, 0003, 4, 3840, 9000, D\n");
-    std::filesystem::permissions(std::filesystem::path(db.Path().Const()) / "e-unreadable.cfg",
-                                 std::filesystem::perms::none);
+    const std::filesystem::path unreadable = std::filesystem::path(db.Path().Const()) / "e-unreadable.cfg";
+    std::filesystem::permissions(unreadable, std::filesystem::perms::none);
 
     auto adapters = Adapters({{0x10DE, 0x1}, {0x10DE, 0x2}, {0x0, 0x0}, {0x1234, 0x199999}});
     uint32_t best = 99;
@@ -219,4 +219,5 @@ TEST(Database, BadInputIsReadAsFarAsItGoes) {
     EXPECT_EQ(0xFFFFFFFFu, adapters[2].benchmark);              // saturated, then cut to 32 bits
     EXPECT_FALSE(adapters[3].notListed); // ids are hexadecimal: "199999" is one of 200000 records
     EXPECT_LT(best, adapters.size());
+    std::filesystem::permissions(unreadable, std::filesystem::perms::owner_all); // so it can be removed
 }
