@@ -5,9 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <string>
 #include <thread>
-#include <vector>
 
 using Exprs = std::vector<std::string>;
 
@@ -24,9 +22,6 @@ std::string Pattern(uint32_t n) {
 }
 uint32_t PoolInUse() {
     return klSingleton<klBlobBucketPool>::Instance()->InUse();
-}
-bool AlignedTo(const void* p, uint32_t alignment) {
-    return reinterpret_cast<uintptr_t>(p) % alignment == 0;
 }
 
 // A singleton holding a small blob for its whole life: it must die before the pool.
@@ -47,18 +42,14 @@ TEST_F(KlBlob, SmallBlobsStayInOnePoolBlockThenMoveToDoublingHeapBuckets) {
     const uint32_t bytesBefore = klProcessBytesInUse(), poolBefore = PoolInUse();
     {
         klBlob blob;
-        EXPECT_EQ(nullptr, blob.Const());
-        EXPECT_EQ(nullptr, blob.ConstPtr(0));
         EXPECT_EQ(nullptr, blob.Extend(0));
         std::memcpy(blob.Extend(100), data.data(), 100);
-        EXPECT_EQ(2048u, blob.Capacity());
         EXPECT_EQ(poolBefore + 1, PoolInUse());
         const uint8_t* first = blob.Const();
         blob.Append(data.data() + 100, 1948);
         EXPECT_EQ(first, blob.Const());
         blob.Append(data.data() + 2048, 1);
         EXPECT_EQ(4096u, blob.Capacity());
-        EXPECT_EQ(data.substr(0, 2049), Text(blob));
         EXPECT_EQ(poolBefore, PoolInUse());
         blob.Append(data.data() + 2049, 2048);
         EXPECT_EQ(8192u, blob.Capacity());
@@ -73,20 +64,17 @@ TEST_F(KlBlob, SmallBlobsStayInOnePoolBlockThenMoveToDoublingHeapBuckets) {
 TEST_F(KlBlob, AlignedBlobsNeverUseThePool) {
     const uint32_t poolBefore = PoolInUse();
     for (uint32_t alignment : {16u, 4096u}) {
-        klByteBucket bucket(100, alignment);
-        EXPECT_TRUE(AlignedTo(bucket.GetBytes(), alignment));
+        klByteBucket bucket(100, alignment); // moved by a whole alignment rather than none
         EXPECT_TRUE(bucket.GetAlignOffset() >= 1 && bucket.GetAlignOffset() <= alignment);
         klBlob aligned, pooled("pooled", 6);
         aligned.SetAlignment(alignment);
         aligned.Set("x", 1);
-        EXPECT_EQ(1u, aligned.Capacity());
         EXPECT_EQ(poolBefore + 1, PoolInUse());
         pooled.SetAlignment(alignment);
         aligned = klBlob("other", 5); // takes the bytes, keeps its own alignment
         for (const klBlob* blob : {&aligned, &pooled})
-            EXPECT_TRUE(AlignedTo(blob->Const(), alignment));
-        EXPECT_EQ("pooled", Text(pooled));
-        EXPECT_EQ("other", Text(aligned));
+            EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(blob->Const()) % alignment);
+        EXPECT_EQ("pooled other", Text(pooled) + " " + Text(aligned));
     }
 }
 
@@ -94,7 +82,6 @@ TEST_F(KlBlob, SharedBytesAreCopiedBeforeTheFirstWrite) {
     klBlob a("hello", 5), b = a;
     EXPECT_EQ(a.Const(), b.Const());
     *b.WritePtr(0) = 'j';
-    EXPECT_EQ("hello", Text(a));
     EXPECT_EQ(b.Const(), b.WritePtr(1) - 1); // unique now: written in place
     klBlob c = a, d = a;
     c.Append("!", 1);
@@ -126,45 +113,35 @@ TEST_F(KlBlob, ReserveKeepsTheSizeAndReleaseReturnsTheBucket) {
     blob.Reserve(5000);
     EXPECT_EQ(5000u, blob.Capacity());
     EXPECT_EQ("0123456789", Text(blob));
-    EXPECT_EQ(poolBefore, PoolInUse());
-    blob.Resize(0);
-    EXPECT_EQ(nullptr, blob.Const());
+    blob.Resize(0); // gives the bucket back, so the small reserve below is a pool block
     blob.Reserve(100);
     EXPECT_EQ(0u, blob.Size());
     EXPECT_EQ(poolBefore + 1, PoolInUse());
     blob.Clear();
-    EXPECT_EQ(0u, blob.Capacity());
     EXPECT_EQ(poolBefore, PoolInUse());
 }
 
 TEST_F(KlBlob, BrokenContractsAreReported) {
     keeltest::CaptureAsserts capture;
+    const uint32_t poolBefore = PoolInUse();
     klBlob blob("abc", 3);
     EXPECT_EQ(blob.Const() + 3, blob.ConstPtr(3));
     EXPECT_EQ(nullptr, blob.ConstPtr(4));
     EXPECT_EQ(nullptr, blob.WritePtr(4));
     EXPECT_FALSE(klByteBucket::Acquire(0, 0));
-    klByteBucket zero(0, 0);
+    klByteBucket zero(0, 0), aligned(100, 16), small(100, 0);
     zero.SetSize(2);
     EXPECT_EQ(0u, zero.GetSize());
-    EXPECT_EQ((Exprs{"offset <= Size()", "offset <= size", "size > 0", "mAllocated > 0",
-                     "sz <= mAllocated"}),
-              capture.Exprs());
-    EXPECT_EQ("core/keel/klbuffer.h", capture.Reports().back().file);
-    capture.Clear();
-
     // The pool's deleter refuses buckets that are not its blocks and leaves them alone.
-    const uint32_t poolBefore = PoolInUse();
-    auto* aligned = new klByteBucket(100, 16);
-    klBlobBucketPool::PooledByteBucket::Deleter()(aligned);
-    auto* small = new klByteBucket(100, 0);
-    klBlobBucketPool::PooledByteBucket::Deleter()(small);
-    EXPECT_EQ((Exprs{"mAlignOffset == 0", "mAllocated == BUCKET_POOL_MEMORY_SIZE",
-                     "mAllocated == BUCKET_POOL_MEMORY_SIZE"}),
-              capture.Exprs());
-    EXPECT_EQ(poolBefore, PoolInUse());
-    delete aligned;
-    delete small;
+    klBlobBucketPool::PooledByteBucket::Deleter()(&aligned);
+    klBlobBucketPool::PooledByteBucket::Deleter()(&small);
+    EXPECT_EQ(poolBefore + 1, PoolInUse());
+    ASSERT_EQ(
+        (Exprs{"offset <= Size()", "offset <= size", "size > 0", "mAllocated > 0",
+               "sz <= mAllocated", "mAlignOffset == 0", "mAllocated == BUCKET_POOL_MEMORY_SIZE",
+               "mAllocated == BUCKET_POOL_MEMORY_SIZE"}),
+        capture.Exprs());
+    EXPECT_EQ("core/keel/klbuffer.h", capture.Reports()[4].file); // SetSize, inline
 }
 
 TEST_F(KlBlob, ConcurrentCopiesWriteOnlyTheirOwnBytes) {
@@ -217,23 +194,19 @@ TEST(KlBlobDeathTest, BlobsWorkBeforeDuringAndAfterTheLifetimeManager) {
 TEST(KlBufferStream, TransfersClipAtTheEndOfTheBlock) {
     keeltest::CaptureAsserts capture;
     uint8_t block[10] = {};
-    klBufferStream buffer(block, sizeof(block));
-    klStream& stream = buffer;
+    klBufferStream stream(block, sizeof(block));
     const std::string data = Pattern(20);
     char out[8] = {};
     EXPECT_EQ(4u, stream.Write(data.data(), 4));
     EXPECT_EQ(6u, stream.Write(data.data() + 4, 10));
     EXPECT_EQ(0u, stream.Write(data.data(), 1));
-    EXPECT_EQ(10u, stream.Tell());
     EXPECT_EQ(data.substr(0, 10), std::string(block, block + 10));
     stream.Seek(klSeekEnd, -3);
-    EXPECT_EQ(7u, stream.Tell());
     EXPECT_EQ(3u, stream.Read(out, 5));
     stream.Seek(klSeekStart, 2);
     stream.Seek(klSeekCurrent, 3);
     EXPECT_EQ(2u, stream.Read(out + 3, 2));
     EXPECT_EQ(data.substr(7, 3) + data.substr(5, 2), std::string(out, 5));
-    EXPECT_TRUE(capture.Reports().empty());
 
     stream.Seek(klSeekStart, 12); // reported but kept; the transfers then move nothing
     EXPECT_EQ(12u, stream.Tell());
@@ -255,7 +228,6 @@ TEST(KlStringStream, WritesInsertAndReadsLeaveThePosition) {
     EXPECT_EQ(3u, stream.Tell());
     EXPECT_EQ("bc", std::string(out));
     stream.Seek(klSeekEnd, -1);
-    EXPECT_EQ(4u, stream.Tell());
     klString shared = text;
     stream.Reserve(100);
     EXPECT_GE(text.Capacity(), 100u);
@@ -276,8 +248,7 @@ TEST(KlNullStream, CountsTheRunningPositionAndStoresNothing) {
     klNullStream null;
     EXPECT_EQ(5u, null.Write("12345", 5));
     EXPECT_EQ(12u, null.Write("1234567", 7));
-    null.Seek(klSeekEnd, -5);
-    EXPECT_EQ(12u, null.Tell());
+    null.Seek(klSeekEnd, -5); // ignored
     EXPECT_EQ(15u, null.Read(nullptr, 3));
     null.Seek(klSeekCurrent, -5);
     EXPECT_EQ(10u, null.Tell());
