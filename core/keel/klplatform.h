@@ -11,6 +11,10 @@ namespace kl::platform {
 // Id of the calling thread; never 0.
 uint32_t CurrentThreadId();
 
+// A steady millisecond clock from an arbitrary start; it wraps at 2^32, so only the
+// unsigned difference of two readings means anything.
+uint32_t Milliseconds();
+
 // Bytes the system heap really gave block p (at least what was asked for); 0 for null.
 size_t HeapUsableSize(void* p);
 

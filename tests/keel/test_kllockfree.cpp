@@ -2,11 +2,18 @@
 
 #include "keel/kllockfree.h"
 #include "keel/klmalloc.h"
+#include "keel/klplatform.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <set>
+#include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 using Pool = klSafeQueue::NodePool;
@@ -132,4 +139,274 @@ TEST(LockFree, ConcurrentPoolNeverHandsOutAUnitTwice) {
     std::set<void*> distinct;
     for (int i = 0; i < kThreads * kHeld; ++i) distinct.insert(pool.Alloc());
     EXPECT_EQ(size_t(kThreads * kHeld), distinct.size());
+}
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+#ifndef __has_feature
+#define __has_feature(x) 0
+#endif
+#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
+constexpr int kStressScale = 10; // ThreadSanitizer runs about ten times slower
+#else
+constexpr int kStressScale = 1;
+#endif
+
+// The queue's node pool and the locks' thread-local slots are singletons.
+struct LifetimeEnvironment : testing::Environment {
+    void SetUp() override { klObjectLifetimeManager::Initialize(); }
+    void TearDown() override { klObjectLifetimeManager::Shutdown(); }
+};
+testing::Environment* const gLifetime = testing::AddGlobalTestEnvironment(new LifetimeEnvironment);
+
+// Ends the program when a test still runs after 30 s: a livelock becomes a failure.
+struct Watchdog {
+    std::atomic<bool> done{false};
+    std::thread thread{[this] {
+        for (int i = 0; i < 3000 && !done; ++i) std::this_thread::sleep_for(10ms);
+        if (!done) std::fputs("watchdog: the test hung\n", stderr), std::_Exit(3);
+    }};
+    ~Watchdog() { done = true, thread.join(); }
+};
+
+template <class F> void RunThreads(int count, F body) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < count; ++t) threads.emplace_back(body, t);
+    for (std::thread& thread : threads) thread.join();
+}
+
+} // namespace
+
+// The interleaving behind ABA, played by hand: a pop reads the top and its link, other pops
+// and pushes put the same top back with another link, and the first pop's swap must fail.
+TEST(LockFree, StackSwapFailsAfterTheTopWasTakenAndPutBack) {
+    void* units[2][2] = {};
+    klCountedStack stack;
+    stack.Push(units[1]);
+    stack.Push(units[0]);
+    static_assert(std::is_standard_layout_v<klCountedStack>);
+    klCountedPtr* top = reinterpret_cast<klCountedPtr*>(&stack); // its one member
+    const klCountedPtr seen = klLoadCounted(top);
+    ASSERT_EQ(units[0], seen.ptr);
+    EXPECT_EQ(units[0], stack.Pop());
+    EXPECT_EQ(units[1], stack.Pop());
+    stack.Push(units[0]); // the same top again, now without a successor
+    EXPECT_FALSE(klCompareAndSwapCounted(top, seen, {units[1], seen.tag + 1}));
+    EXPECT_EQ(units[0], stack.Pop());
+    EXPECT_EQ(nullptr, stack.Pop());
+}
+
+TEST(SafeQueue, KeepsOrderForOneProducerAndReturnsZeroWhenEmpty) {
+    klSafeQueue queue;
+    EXPECT_EQ(0u, queue.Pop());
+    EXPECT_EQ(0u, queue.Count());
+    for (uintptr_t value = 1; value <= 100; ++value) queue.Push(value); // past one pool block
+    EXPECT_EQ(100u, queue.Count());
+    for (uintptr_t value = 1; value <= 100; ++value) ASSERT_EQ(value, queue.Pop());
+    EXPECT_EQ(0u, queue.Pop());
+    EXPECT_EQ(0u, queue.Count());
+}
+
+TEST(SafeQueueDeathTest, DestroyingAFilledQueueIsFatal) {
+    EXPECT_EXIT(klSafeQueue().Push(42), testing::ExitedWithCode(klDeathExitCode),
+                keeltest::Has("ASSERT: assertmsg(mHead.ptr == mTail.ptr, ERROR: queue should be empty when "
+                              "destroyed) failed at: core/keel/kllockfree.cpp:", 1));
+}
+
+// Every value is (producer, sequence): marks find duplicates, count and sum find losses, and
+// each consumer sees any one producer's values in push order.
+TEST(SafeQueue, ConcurrentProducersAndConsumersMoveEveryValueOnce) {
+    Watchdog watchdog;
+    constexpr uintptr_t kProducers = 4;
+    const uintptr_t perProducer = 125000 / kStressScale, total = kProducers * perProducer;
+    klSafeQueue queue;
+    std::vector<std::atomic<uint8_t>> marks(total);
+    std::atomic<uint64_t> popped{0}, sum{0}, faults{0};
+    RunThreads(2 * kProducers, [&](uintptr_t t) {
+        if (t < kProducers) {
+            for (uintptr_t i = 1; i <= perProducer; ++i) queue.Push((t + 1) << 20 | i);
+            return;
+        }
+        uintptr_t last[kProducers] = {};
+        for (auto until = Clock::now() + 20s; popped < total && Clock::now() < until;) {
+            uintptr_t value = queue.Pop(), producer = (value >> 20) - 1, sequence = value & 0xFFFFF;
+            if (value == 0) continue;
+            faults += sequence <= last[producer] || marks[producer * perProducer + sequence - 1].exchange(1);
+            last[producer] = sequence;
+            sum += value;
+            ++popped;
+        }
+    });
+    EXPECT_EQ(total, popped.load());
+    EXPECT_EQ(((kProducers * (kProducers + 1) / 2) << 20) * perProducer + kProducers * perProducer * (perProducer + 1) / 2,
+              sum.load());
+    EXPECT_EQ(0u, faults.load());
+    EXPECT_EQ(0u, queue.Count());
+}
+
+TEST(SpinCounter, TakesOnlyWhilePositiveAndGivesUpAfterTheTimeout) {
+    klSpinCounter counter(2);
+    EXPECT_EQ(2u, counter.TryDecrement());
+    EXPECT_EQ(1u, counter.WaitDecrement(0));
+    EXPECT_EQ(0u, counter.TryDecrement());
+    EXPECT_FALSE(counter.TryIncrementFrom(1));
+    EXPECT_TRUE(counter.TryIncrementFrom(0));
+    EXPECT_EQ(1u, counter.TryDecrement());
+
+    const auto start = Clock::now();
+    const uint32_t startMs = kl::platform::Milliseconds();
+    EXPECT_EQ(0u, counter.WaitDecrement(10));
+    EXPECT_GE(kl::platform::Milliseconds() - startMs, 10u);
+    EXPECT_GE(Clock::now() - start, 9ms); // the two clocks may tick apart by a little
+    EXPECT_LT(Clock::now() - start, 2s);  // a loaded machine may oversleep, but not for ever
+    EXPECT_EQ(0u, counter.Value());
+}
+
+// Units carry a known pattern behind their first word, so each report line is known here.
+TEST(LockFree, LeakReportListsTwentyFiveUnitsNeverGivenBack) {
+    Pool pool(32, 16, 8);
+    std::vector<unsigned char*> units;
+    for (int i = 0; i < 40; ++i) {
+        units.push_back(static_cast<unsigned char*>(pool.Alloc()));
+        std::memcpy(units.back() + sizeof(void*), "Leak 00\0\x7F\x1F ~\xFF\x80z!", 16);
+        units.back()[sizeof(void*) + 5] += i / 10, units.back()[sizeof(void*) + 6] += i % 10;
+    }
+    for (int i = 0; i < 40; i += 4) pool.Free(units[i]); // 30 leak
+    std::string expected =
+        "Free all pointers before SafeAlloc destructs. Dtors will not be called by safealloc's cleanup.\n"
+        "This usually means you have a memory leak!\nInfo about this klSafeAllocT: NodeCount:30, ElemSize:32, "
+        "Alignment:8, Padding:0, GrowBy:16\nLeaking nodes:\n";
+    int listed = 0;
+    for (int unit : {33, 34, 35, 37, 38, 39, 17, 18, 19, 21, 22, 23, 25, 26, 27, 29, 30, 31, 1, 2, 3, 5, 6, 7, 9}) {
+        char line[128]; // newest block first, each block in address order
+        std::snprintf(line, sizeof(line), "  %4d) 0x%llX  4C65616B203%d3%d007F1F207EFF807A21 Leak %02d... ~..z!\n",
+                      listed++, (unsigned long long)(uintptr_t)units[unit], unit / 10, unit % 10, unit);
+        expected += line;
+    }
+    char* report = pool.LeakReport();
+    EXPECT_EQ(expected + "...\n", report);
+    klFree(report);
+    for (int i = 0; i < 40; ++i)
+        if (i % 4) pool.Free(units[i]);
+
+    Pool small(8, 4, 8); // the dump of its last unit would run past the block's end
+    for (int i = 0; i < 4; ++i) std::memset(small.Alloc(), 'A' + i, 8);
+    report = small.LeakReport();
+    EXPECT_NE(nullptr, std::strstr(report, "     3) 0x"));
+    klFree(report);
+}
+
+namespace {
+
+template <class Lock> struct LockTraits;
+template <> struct LockTraits<klReadWriteLock> {
+    using WriteGuard = klWriteGuard;
+    static constexpr const char* kUnderflow = "readCount > 0";
+};
+template <> struct LockTraits<klInlineReadWriteLock> {
+    using WriteGuard = klInlineWriteGuard;
+    static constexpr const char* kUnderflow = "klXchgAdd(&mCAS.mReadCount, (size_t)-1) > 0";
+};
+
+template <class Lock> bool ReadLockedElsewhere(Lock& lock) {
+    bool locked = true;
+    std::thread([&] { locked = lock.IsReadLockedByMe(); }).join();
+    return locked;
+}
+
+} // namespace
+
+// Both builds of the reader/writer lock, the out-of-line one and the header-inline one.
+template <class Lock> class ReadWriteLock : public testing::Test {};
+using LockKinds = testing::Types<klReadWriteLock, klInlineReadWriteLock>;
+TYPED_TEST_SUITE(ReadWriteLock, LockKinds);
+
+TYPED_TEST(ReadWriteLock, WriterReadsForFreeAndUpgradeKeepsTheReadLocks) {
+    keeltest::CaptureAsserts capture;
+    TypeParam lock;
+    lock.ReadLock();
+    lock.ReadLock();
+    EXPECT_EQ(2u, lock.ReadCount());
+    EXPECT_FALSE(ReadLockedElsewhere(lock)); // the count is per thread
+    {
+        typename LockTraits<TypeParam>::WriteGuard write(&lock); // not held back by our own readers
+        EXPECT_EQ(kl::platform::CurrentThreadId(), lock.WritingThread());
+        lock.ReadLock();
+        EXPECT_EQ(2u, lock.ReadCount());
+        lock.ReadUnlock();
+        write.Unlock();
+        write.Unlock();
+        write.Relock();
+        write.Relock();
+        EXPECT_EQ(1u, lock.WriteDepth());
+    }
+    EXPECT_EQ(0u, lock.WritingThread());
+    EXPECT_EQ(2u, lock.ReadCount());
+    lock.ReadUnlock();
+    EXPECT_TRUE(lock.IsReadLockedByMe());
+    lock.ReadUnlock();
+    EXPECT_FALSE(lock.IsReadLockedByMe());
+    EXPECT_EQ(std::vector<std::string>{"!mUnlock"}, capture.Exprs());
+}
+
+TYPED_TEST(ReadWriteLock, RecursionLimitAndUnbalancedReleasesAssert) {
+    keeltest::CaptureAsserts capture;
+    TypeParam lock;
+    for (uint32_t depth = 0; depth <= 0xffff; ++depth) lock.WriteLock();
+    EXPECT_EQ(0xffffu, lock.WriteDepth());
+    for (uint32_t depth = 0; depth < 0xffff; ++depth) lock.WriteUnlock();
+    EXPECT_EQ(0u, lock.WritingThread());
+    lock.WriteUnlock();
+    lock.ReadUnlock();
+    EXPECT_EQ((std::vector<std::string>{"mWriteSpin > 0 && mWriteSpin < 0xffff",
+                                        "mCAS.mWritingThread == (size_t)klThread::GetCurrentThreadId()",
+                                        LockTraits<TypeParam>::kUnderflow}),
+              capture.Exprs());
+    EXPECT_EQ(0u, lock.ReadCount());
+}
+
+// Writers change two plain counters together; readers must never see them apart (and
+// ThreadSanitizer no race on them). One reader sometimes upgrades from its read lock.
+// Then a writer that waits for a reader must already keep new readers out.
+TYPED_TEST(ReadWriteLock, ConcurrentWritersExcludeReaders) {
+    Watchdog watchdog;
+    TypeParam lock;
+    uint64_t first = 0, second = 0;
+    std::atomic<int> readersIn{0}, writersIn{0}, torn{0};
+    const int rounds = 20000 / kStressScale;
+    RunThreads(5, [&](int t) {
+        for (int round = 0; round < rounds; ++round) {
+            const bool upgrade = t == 4 && round % 8 == 0;
+            if (t >= 2 && !upgrade) {
+                klRWGuardT<TypeParam, &TypeParam::ReadLock, &TypeParam::ReadUnlock> read(&lock);
+                readersIn++;
+                torn += writersIn != 0 || first != second;
+                readersIn--;
+                continue;
+            }
+            if (upgrade) lock.ReadLock();
+            lock.WriteLock();
+            torn += writersIn++ != 0 || readersIn != 0;
+            ++first, ++second, writersIn--;
+            lock.WriteUnlock();
+            if (upgrade) lock.ReadUnlock();
+        }
+    });
+    EXPECT_EQ(0, torn.load());
+    EXPECT_EQ(uint64_t(2 * rounds + rounds / 8), first);
+
+    std::atomic<int> stage{0}, readerSaw{-1};
+    lock.ReadLock();
+    std::thread writer([&] { lock.WriteLock(), stage = 1, std::this_thread::sleep_for(20ms), stage = 2, lock.WriteUnlock(); });
+    for (auto until = Clock::now() + 5s; lock.WritingThread() == 0 && Clock::now() < until;) std::this_thread::yield();
+    std::thread reader([&] { lock.ReadLock(), readerSaw = stage.load(), lock.ReadUnlock(); });
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(-1, readerSaw.load()); // kept out although only a reader holds the lock
+    EXPECT_EQ(0, stage.load());      // and the writer waits for that reader
+    lock.ReadUnlock();
+    writer.join(), reader.join();
+    EXPECT_EQ(2, readerSaw.load());
 }

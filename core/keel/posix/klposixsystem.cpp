@@ -5,6 +5,7 @@
 #include <malloc.h>
 #include <signal.h>
 #include <strings.h>
+#include <time.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -17,6 +18,12 @@ namespace kl::platform {
 uint32_t CurrentThreadId() {
     static thread_local uint32_t id = static_cast<uint32_t>(syscall(SYS_gettid));
     return id;
+}
+
+uint32_t Milliseconds() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint32_t>(uint64_t(now.tv_sec) * 1000u + uint64_t(now.tv_nsec) / 1000000u);
 }
 
 size_t HeapUsableSize(void* p) { return p ? malloc_usable_size(p) : 0; }

@@ -1,0 +1,202 @@
+// The portable half of threads and thread-local slots.
+#include "keel/klthread.h"
+
+#include "keel/klmalloc.h"
+#include "keel/klplatform.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+klThreadHookFn klThreadBeginHook = nullptr;
+klThreadHookFn klThreadEndHook = nullptr;
+
+namespace {
+
+// The log is not part of keel yet: until it is, the two thread messages go to stderr
+// from here, and this is the one place the log takes over.
+void ThreadLog(const char* level, const char* format, ...) {
+    char line[512];
+    va_list args;
+    va_start(args, format);
+    kl::platform::FormatV(line, sizeof(line), format, args);
+    va_end(args);
+    std::fprintf(stderr, "%5s %s\n", level, line);
+    std::fflush(stderr);
+}
+
+char* CopyName(const char* name) {
+    size_t size = std::strlen(name) + 1;
+    char* copy = static_cast<char*>(klAlloc(size));
+    std::memcpy(copy, name, size);
+    return copy;
+}
+
+constexpr uint32_t kDestructorTimeoutMs = 10000;
+
+} // namespace
+
+klThread::klThread(const char* debugName, uint32_t stackSize)
+    : mStopRequested(false), mRunning(false), mName(nullptr), mHandle(nullptr), mThreadId(0),
+      mStackSize(stackSize) {
+    if (!klAssert(debugName != NULL)) debugName = "";
+    mName = CopyName(debugName);
+}
+
+klThread::~klThread() {
+    if (mRunning) {
+        ThreadLog("DEBUG", "klThread::~klThread() - thread still running, waiting for completion.");
+        WaitStop(kDestructorTimeoutMs);
+    }
+    klFree(mName);
+}
+
+bool klThread::Start() {
+    WaitStop(0);
+    klAtomicStore(&mStopRequested, false);
+    if (!OnStart()) return false;
+    mRunning = Launch();
+    return mRunning;
+}
+
+void klThread::WaitStop(uint32_t timeoutMs) {
+    RequestStop();
+    klAtomicStore(&mStopRequested, true);
+    if (!mRunning) return;
+    if (!Join(timeoutMs)) {
+        ThreadLog("ERROR", "klThread::WaitStop(): Possible deadlock in %s, terminating the thread",
+                  mName);
+        Terminate();
+    }
+    ReleaseHandle();
+    mHandle = nullptr;
+    mRunning = false;
+}
+
+void klThread::SetName(const char* name) {
+    if (!klAssert(name != NULL)) return;
+    char* old = mName;
+    mName = CopyName(name);
+    klFree(old);
+    klSetThreadName(mName);
+}
+
+void klThread::ThreadMain() {
+    klSetThreadName(mName);
+    if (klThreadHookFn begin = klThreadBeginHook) begin();
+    Run();
+    if (klThreadHookFn end = klThreadEndHook) end();
+}
+
+uint32_t klThread::GetCurrentThreadId() {
+    return kl::platform::CurrentThreadId();
+}
+
+// One thread's slots: a growable array of entries indexed by the key's index. The first
+// word is the link of the manager's record list.
+struct klThreadLocalMgr::Storage {
+    void* mLink;
+    Entry* mEntries;
+    uint32_t mCount;
+    uint32_t mCapacity;
+
+    explicit Storage(uint32_t capacity)
+        : mLink(nullptr), mEntries(static_cast<Entry*>(klAlloc(capacity * sizeof(Entry)))),
+          mCount(0), mCapacity(capacity) {}
+    ~Storage() { klFree(mEntries); }
+
+    // Makes entries [mCount, count) exist, zeroed.
+    void GrowTo(uint32_t count) {
+        if (count > mCapacity) {
+            uint32_t capacity = mCapacity * 2 > count ? mCapacity * 2 : count;
+            Entry* entries = static_cast<Entry*>(klAlloc(size_t(capacity) * sizeof(Entry)));
+            std::memcpy(entries, mEntries, mCount * sizeof(Entry));
+            klFree(mEntries);
+            mEntries = entries;
+            mCapacity = capacity;
+        }
+        std::memset(mEntries + mCount, 0, (count - mCount) * sizeof(Entry));
+        mCount = count;
+    }
+};
+
+namespace {
+// The pool's units are 24 bytes, or the record's size where a wider pointer makes it
+// larger. Alignment 1 is enough: the pool never places a unit below pointer alignment.
+constexpr uint32_t kRecordGrowBy = 8;
+constexpr uint32_t kFirstEntries = 32;
+} // namespace
+
+klThreadLocalMgr::klThreadLocalMgr()
+    : mMasterKey(kl::detail::kNoTlsSlot),
+      mStoragePool(sizeof(Storage) > 24 ? sizeof(Storage) : 24, kRecordGrowBy, 1), mNextIndex(1) {
+    mMasterKey = kl::detail::TlsSlotAlloc();
+    klAssertAs(mMasterKey != kl::detail::kNoTlsSlot, "mMasterKey != TLS_OUT_OF_INDEXES");
+}
+
+klThreadLocalMgr::~klThreadLocalMgr() {
+    if (mMasterKey != kl::detail::kNoTlsSlot) kl::detail::TlsSlotFree(mMasterKey);
+    while (void* record = mRecords.Pop()) {
+        static_cast<Storage*>(record)->~Storage();
+        mStoragePool.Free(record);
+    }
+    while (mFreeKeys.Pop() != 0) {
+    }
+}
+
+klThreadLocalMgr::KeyType klThreadLocalMgr::AllocKey() {
+    if (KeyType reused = KeyType(mFreeKeys.Pop())) return reused;
+    uint32_t index;
+    do {
+        index = klAtomicLoad(&mNextIndex);
+    } while (!klCompareAndSwap(&mNextIndex, index, index + 1));
+    KeyType key = index;
+    klFatalAssert(
+        key < (~(KeyType)0 >> GEN_BITS),
+        "we have more than this many active keys? something is wrong (they should be getting "
+        "reused when destroyed)");
+    key = index << GEN_BITS;
+    klAssert(key != INVALID_KEY);
+    return key;
+}
+
+void klThreadLocalMgr::FreeKey(KeyType& key) {
+    if (!klAssert(key != 0)) return;
+    mFreeKeys.Push(NextGeneration(key));
+    key = 0;
+}
+
+klThreadLocalMgr::Storage* klThreadLocalMgr::ThreadStorage() {
+    if (void* record = kl::detail::TlsSlotGet(mMasterKey)) return static_cast<Storage*>(record);
+    if (mMasterKey == kl::detail::kNoTlsSlot) return nullptr; // reported at construction
+    uint32_t next = klAtomicLoad(&mNextIndex);
+    Storage* threadStorage =
+        new (mStoragePool.Alloc()) Storage(next > kFirstEntries ? next : kFirstEntries);
+    mRecords.Push(threadStorage);
+    kl::detail::TlsSlotSet(mMasterKey, threadStorage);
+    klAssert(threadStorage != NULL);
+    return threadStorage;
+}
+
+uint32_t klThreadLocalMgr::GetValue(KeyType key) {
+    if (!klAssert(key != INVALID_KEY)) return 0;
+    Storage* storage = ThreadStorage();
+    uint32_t index = key >> GEN_BITS;
+    if (!storage || index >= storage->mCount || storage->mEntries[index].key != key) return 0;
+    return storage->mEntries[index].value;
+}
+
+void klThreadLocalMgr::SetValue(KeyType key, uint32_t value) {
+    if (!klAssert(key != INVALID_KEY)) return;
+    Storage* storage = ThreadStorage();
+    if (!storage) return;
+    uint32_t index = key >> GEN_BITS;
+    if (index >= storage->mCount) storage->GrowTo(index + 1);
+    storage->mEntries[index] = {value, key};
+}
+
+uint32_t klThreadLocalMgr::ThreadEntryCount() {
+    Storage* storage = ThreadStorage();
+    return storage ? storage->mCount : 0;
+}

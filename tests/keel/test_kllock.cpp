@@ -1,0 +1,196 @@
+#include "keel_test.h"
+
+#include "keel/kllock.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <mutex>
+#include <new>
+#include <thread>
+#include <vector>
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// Polls until done() holds or five seconds pass; a hang becomes a failed expectation.
+template <class F> bool Eventually(F done) {
+    for (auto until = Clock::now() + 5s; Clock::now() < until; std::this_thread::sleep_for(1ms))
+        if (done()) return true;
+    return done();
+}
+
+bool TryLockElsewhere(klMutex& mutex) {
+    bool taken = false;
+    std::thread([&] { taken = mutex.TryLock() ? (mutex.Unlock(), true) : false; }).join();
+    return taken;
+}
+
+// A profiler that writes down what it hears.
+std::mutex gHeardGuard;
+std::vector<std::string> gHeard;
+void Hear(std::string event) {
+    std::lock_guard<std::mutex> hold(gHeardGuard);
+    gHeard.push_back(std::move(event));
+}
+size_t HeardCount() {
+    std::lock_guard<std::mutex> hold(gHeardGuard);
+    return gHeard.size();
+}
+constexpr klLockTelemetry kRecorder{
+    [](void*, const char* name, const char*, int) { Hear(std::string("name ") + name); },
+    [](void*, const char*, int) { Hear("try"); },
+    [](void*, bool acquired, const char*, int) { Hear(acquired ? "ok" : "fail"); },
+    [](void*, const char* state, const char*, int) { Hear(state); }};
+
+} // namespace
+
+TEST(KlMutex, RecursesForItsOwnerOnly) {
+    keeltest::CaptureAsserts capture;
+    alignas(klMutex) unsigned char storage[sizeof(klMutex)];
+    klMutex& mutex = *new (storage) klMutex;
+    EXPECT_STREQ("Unnamed", mutex.Name());
+    mutex.SetName("klFileSystem(open-file table lock)");
+    EXPECT_STREQ("klFileSystem(open-file table lo", mutex.Name());
+
+    mutex.Lock();
+    mutex.Lock();
+    EXPECT_EQ(2u, mutex.RecursionDepth());
+    EXPECT_TRUE(mutex.TryLock());
+    EXPECT_FALSE(TryLockElsewhere(mutex));
+    mutex.Unlock();
+    mutex.Unlock();
+    EXPECT_EQ(1u, mutex.RecursionDepth());
+    mutex.~klMutex(); // still held
+    ASSERT_EQ(std::vector<std::string>{"_bSpin == 0"}, capture.Exprs());
+    EXPECT_EQ("core/keel/kllock.cpp", capture.Reports()[0].file);
+
+    klMutex fresh;
+    fresh.Lock();
+    fresh.Unlock();
+    EXPECT_TRUE(TryLockElsewhere(fresh));
+}
+
+TEST(KlMutex, ConcurrentContentionIsReportedToAProfiler) {
+    klSetLockTelemetry(&kRecorder);
+    {
+        klMutex mutex("cvarLock");
+        mutex.Lock();
+        std::thread contender([&] {
+            mutex.Lock(); // fails its first attempt, then blocks
+            mutex.Unlock();
+        });
+        EXPECT_TRUE(Eventually([] { return HeardCount() >= 7; }));
+        mutex.Unlock();
+        contender.join();
+    }
+    klSetLockTelemetry(nullptr);
+    ASSERT_EQ(12u, gHeard.size());
+    EXPECT_EQ(
+        (std::vector<std::string>{"name cvarLock", "try", "ok", "locked", "try", "fail", "try"}),
+        std::vector<std::string>(gHeard.begin(), gHeard.begin() + 7));
+    // The release is reported once the lock is free, so the contender may speak first.
+    EXPECT_EQ(2, std::count(gHeard.begin() + 7, gHeard.end(), "released"));
+    EXPECT_EQ("destroyed", gHeard[11]);
+}
+
+TEST(KlConditionDeathTest, UseWithoutTheLockIsFatal) {
+    const std::string start =
+        "ASSERT: assertmsg(_mutex._bSpin != 0, Condition should be locked before calling ";
+    const std::string end = ") failed at: core/keel/kllock.cpp:";
+    klCondition cond;
+    EXPECT_EXIT(cond.Wait(10), testing::ExitedWithCode(123),
+                keeltest::Has(start + "Wait" + end, 1));
+    EXPECT_EXIT(cond.Signal(), testing::ExitedWithCode(123), keeltest::Has(start + "Signal" + end));
+    EXPECT_EXIT(cond.Broadcast(), testing::ExitedWithCode(123),
+                keeltest::Has(start + "Broadcast" + end));
+}
+
+TEST(KlCondition, UnheardWakeUpsAreLostAndTimeOutsReturnLocked) {
+    klCondition cond;
+    klScopedLock hold(cond);
+    cond.Signal();
+    cond.Broadcast();
+    EXPECT_FALSE(cond.Wait(0));
+    Clock::time_point start = Clock::now();
+    EXPECT_FALSE(cond.Wait(60));
+    EXPECT_GE(Clock::now() - start, 40ms); // the Windows timer may end a wait a tick early
+    EXPECT_EQ(1u, cond.Mutex().RecursionDepth());
+    EXPECT_FALSE(TryLockElsewhere(cond.Mutex()));
+    EXPECT_EQ(0u, cond.Waiting());
+}
+
+TEST(KlCondition, ConcurrentSignalWakesOneAndBroadcastWakesTheRest) {
+    klCondition cond;
+    std::atomic<int> woken{0}, timedOut{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 4; ++i)
+        waiters.emplace_back([&] {
+            klScopedLock hold(cond);
+            ++(cond.Wait(5000) ? woken : timedOut);
+        });
+    ASSERT_TRUE(Eventually([&] { return cond.Waiting() == 4; }));
+    auto locked = [&](void (klCondition::*wake)()) {
+        klScopedLock hold(cond);
+        (cond.*wake)();
+    };
+    locked(&klCondition::Signal);
+    EXPECT_TRUE(Eventually([&] { return woken == 1; }));
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(1, woken.load());
+    EXPECT_EQ(3u, cond.Waiting());
+    locked(&klCondition::Broadcast);
+    for (std::thread& waiter : waiters)
+        waiter.join();
+    EXPECT_EQ(4, woken.load());
+    EXPECT_EQ(0, timedOut.load());
+    // The last waiter out cleared the broadcast: a new waiter is not let through.
+    klScopedLock hold(cond);
+    EXPECT_FALSE(cond.Wait(20));
+}
+
+TEST(KlCondition, ConcurrentProducersAndConsumersMoveEveryItem) {
+    constexpr uint64_t kThreads = 3, kItems = 3000, kTotal = kThreads * kItems;
+    klCondition cond;
+    std::deque<uint64_t> queue;
+    bool done = false;
+    uint64_t sum = 0, count = 0, timeOuts = 0;
+    std::vector<std::thread> producers, consumers;
+    for (uint64_t p = 0; p < kThreads; ++p) {
+        producers.emplace_back([&, p] {
+            for (uint64_t i = 1; i <= kItems; ++i) {
+                klScopedLock hold(cond);
+                queue.push_back(p * kItems + i);
+                cond.Signal();
+            }
+        });
+        consumers.emplace_back([&] {
+            klScopedLock hold(cond);
+            for (Clock::time_point until = Clock::now() + 10s; Clock::now() < until;) {
+                if (!queue.empty()) {
+                    sum += queue.front(), ++count;
+                    queue.pop_front();
+                } else if (done) {
+                    break;
+                } else if (!cond.Wait(2000)) {
+                    ++timeOuts;
+                }
+            }
+        });
+    }
+    for (std::thread& producer : producers)
+        producer.join();
+    cond.Lock();
+    done = true;
+    cond.Broadcast();
+    cond.Unlock();
+    for (std::thread& consumer : consumers)
+        consumer.join();
+    EXPECT_EQ(kTotal, count);
+    EXPECT_EQ(kTotal * (kTotal + 1) / 2, sum);
+    EXPECT_EQ(0u, timeOuts);
+    EXPECT_EQ(0u, cond.Waiting());
+}

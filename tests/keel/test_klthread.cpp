@@ -1,0 +1,318 @@
+#include "keel_test.h"
+
+#include "keel/klthread.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#ifndef _WIN32
+#include <pthread.h>
+#endif
+
+using keeltest::HasAll;
+using Key = klThreadLocalMgr::KeyType;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// The thread-local manager and the queue beneath it are singletons.
+struct LifetimeEnvironment : testing::Environment {
+    void SetUp() override { klObjectLifetimeManager::Initialize(); }
+    void TearDown() override { klObjectLifetimeManager::Shutdown(); }
+};
+[[maybe_unused]] auto* const gLifetime = testing::AddGlobalTestEnvironment(new LifetimeEnvironment);
+
+// Ends the test program when a test waits longer than it should.
+struct Watchdog {
+    std::atomic<bool> mDone{false};
+    std::thread mThread{[this] {
+        for (auto end = Clock::now() + std::chrono::seconds(20); !mDone; klSleep(5))
+            if (Clock::now() > end) (std::fprintf(stderr, "test hung\n"), std::abort());
+    }};
+    ~Watchdog() { (mDone = true, mThread.join()); }
+};
+
+std::atomic<int> gBegins{0}, gEnds{0}, gRuns{0};
+
+// Loops until asked to stop (or for ever when stubborn), recording what it sees.
+struct Worker : klThread {
+    explicit Worker(const char* name, bool stubborn = false)
+        : klThread(name), mStubborn(stubborn) {}
+    ~Worker() override { WaitStop(5000); }
+    bool OnStart() override { return (mFinishedAtStart = mFinished, mAllowStart); }
+    void RequestStop() override { ++mStopRequests; }
+    void Run() override {
+        mIdInside = GetCurrentThreadId();
+        mHooksInside = gBegins * 10 + gEnds;
+#ifndef _WIN32
+        pthread_getname_np(pthread_self(), mNameInside, sizeof(mNameInside));
+#endif
+        ++gRuns;
+        while (mStubborn || !IsStopRequested())
+            klSleep(1);
+        ++mFinished;
+    }
+    const bool mStubborn;
+    std::atomic<int> mFinished{0}, mStopRequests{0};
+    int mFinishedAtStart = -1, mHooksInside = 0;
+    bool mAllowStart = true;
+    uint32_t mIdInside = 0;
+    char mNameInside[32] = {};
+};
+
+void AwaitRuns(int runs) {
+    while (gRuns < runs)
+        klSleep(1);
+}
+
+} // namespace
+
+TEST(Thread, RestartJoinsThePreviousRunAndOnStartMayVeto) {
+    Watchdog watchdog;
+    klThreadBeginHook = [] { ++gBegins; };
+    klThreadEndHook = [] { ++gEnds; };
+    gBegins = gEnds = gRuns = 0;
+    Worker worker("a-rather-long-worker-name");
+    EXPECT_FALSE(worker.SetPriority(2)); // nothing to set it on yet
+    ASSERT_TRUE(worker.Start());
+    AwaitRuns(1);
+    EXPECT_NE(klThread::GetCurrentThreadId(), worker.GetThreadId());
+    EXPECT_EQ(worker.GetThreadId(), worker.mIdInside);
+#ifndef _WIN32
+    EXPECT_STREQ("a-rather-long-w", worker.mNameInside); // the kernel keeps 15 characters
+#endif
+    EXPECT_FALSE(worker.SetPriority(5));
+    EXPECT_FALSE(worker.SetPriority(-1));
+    EXPECT_TRUE(worker.SetPriority(2));
+
+    ASSERT_TRUE(worker.Start());
+    EXPECT_EQ(1, worker.mFinishedAtStart); // the first run had ended before OnStart
+    EXPECT_EQ(2, worker.mStopRequests);    // every Start asks first, even with nothing running
+    AwaitRuns(2);
+    klSleep(20);
+    EXPECT_EQ(1, worker.mFinished); // the restart cleared its stop request
+
+    worker.mAllowStart = false;
+    EXPECT_FALSE(worker.Start());
+    EXPECT_FALSE(worker.IsRunning());
+    EXPECT_EQ(2, gRuns);
+    EXPECT_EQ(2, worker.mFinished);
+    EXPECT_EQ(21, worker.mHooksInside); // second run: two begins, one end so far
+    EXPECT_EQ(2, gEnds);
+    klThreadBeginHook = klThreadEndHook = nullptr;
+}
+
+TEST(ThreadDeathTest, OverdueThreadsAreKilledAfterOneLine) {
+    EXPECT_EXIT(
+        {
+            Watchdog watchdog;
+            Worker stubborn("stubborn", true);
+            stubborn.Start();
+            auto begin = Clock::now();
+            stubborn.WaitStop(50);
+            bool slow = Clock::now() - begin > std::chrono::seconds(2);
+            std::fprintf(stderr, "returned running=%d slow=%d\n", stubborn.IsRunning(), slow);
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0),
+        HasAll({{"ERROR klThread::WaitStop(): Possible deadlock in stubborn, terminating the "
+                 "thread\n",
+                 1},
+                {"returned running=0 slow=0", 1}}));
+    // Left to klThread's destructor, a thread that honours the stop gets only the DEBUG line.
+    struct Polite : klThread {
+        Polite() : klThread("polite") {}
+        void Run() override {
+            for (++gRuns; !IsStopRequested();)
+                klSleep(1);
+        }
+    };
+    EXPECT_EXIT(
+        {
+            Watchdog watchdog;
+            klThread* polite = new Polite;
+            polite->Start();
+            AwaitRuns(1);
+            delete polite;
+            std::exit((std::fprintf(stderr, "destroyed\n"), 0));
+        },
+        testing::ExitedWithCode(0),
+        HasAll(
+            {{"DEBUG klThread::~klThread() - thread still running, waiting for completion.\n", 1},
+             {"destroyed", 1},
+             {"deadlock", 0}}));
+}
+
+TEST(Event, TimesOutWakesOnceAndWaitsWithoutLimit) {
+    Watchdog watchdog;
+    klAutoResetEvent event;
+    auto begin = Clock::now();
+    EXPECT_FALSE(event.Wait(30));
+    EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(25));
+    event.Signal();
+    event.Signal(); // does not accumulate
+    EXPECT_TRUE(event.Wait(30));
+    EXPECT_FALSE(event.Wait(1));
+
+    std::atomic<bool> woke{false};
+    std::thread waiter([&] { woke = event.Wait(0); });
+    klSleep(50);
+    EXPECT_FALSE(woke);
+    event.Signal();
+    waiter.join();
+    EXPECT_TRUE(woke);
+}
+
+TEST(SemaphoreConcurrent, CountsToItsCeilingAndLosesNoPost) {
+    Watchdog watchdog;
+    klSemaphore semaphore(1, 3); // a low ceiling makes producers meet it
+    EXPECT_TRUE(semaphore.Post() && semaphore.Post());
+    EXPECT_FALSE(semaphore.Post());
+    EXPECT_TRUE(semaphore.Wait() && semaphore.Wait() && semaphore.Wait());
+    constexpr int kPairs = 4, kEach = 2000;
+    std::atomic<int> taken{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kPairs; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < kEach; ++i)
+                while (!semaphore.Post())
+                    klYieldOrSleep();
+        });
+        threads.emplace_back([&] {
+            for (int i = 0; i < kEach; ++i)
+                taken += semaphore.Wait();
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(kPairs * kEach, taken);
+}
+
+TEST(ThreadLocal, FreedKeysComeBackUnderTheNextGeneration) {
+    Watchdog watchdog;
+    klThreadLocalMgr mgr;
+    Key first = mgr.AllocKey(), second = mgr.AllocKey();
+    EXPECT_EQ(1u << 12, first);
+    EXPECT_EQ(2u << 12, second);
+    EXPECT_EQ((5u << 12) | 8, klThreadLocalMgr::NextGeneration((5u << 12) | 7));
+    EXPECT_EQ(5u << 12, klThreadLocalMgr::NextGeneration((5u << 12) | 0xFFF));
+
+    // The old key stores here and on a thread that lives through the reuse. The new key
+    // never sees an old value, and once its owner stores on a thread the old key reads 0.
+    mgr.SetValue(first, 7);
+    klAutoResetEvent stored, reallocated;
+    Key stale = first, reused = 0;
+    uint32_t reusedThere = 1, staleThere = 1;
+    std::thread other([&] {
+        mgr.SetValue(stale, 9);
+        stored.Signal();
+        reallocated.Wait();
+        reusedThere = mgr.GetValue(reused);
+        mgr.SetValue(reused, 12);
+        staleThere = mgr.GetValue(stale);
+    });
+    stored.Wait();
+    mgr.FreeKey(first);
+    EXPECT_EQ(0u, first);
+    reused = mgr.AllocKey();
+    EXPECT_EQ(stale + 1, reused);
+    EXPECT_EQ(0u, mgr.GetValue(reused));
+    mgr.SetValue(reused, 11);
+    reallocated.Signal();
+    other.join();
+    EXPECT_EQ(0u, reusedThere + staleThere + mgr.GetValue(stale));
+    EXPECT_EQ(11u, mgr.GetValue(reused));
+
+    keeltest::CaptureAsserts capture;
+    Key zero = klThreadLocalMgr::INVALID_KEY;
+    EXPECT_EQ(0u, mgr.GetValue(zero));
+    mgr.FreeKey(zero);
+    EXPECT_EQ((std::vector<std::string>{"key != INVALID_KEY", "key != 0"}), capture.Exprs());
+    mgr.FreeKey(reused);
+    mgr.FreeKey(second);
+}
+
+TEST(ThreadLocal, OnlySettingGrowsTheArray) {
+    klThreadLocalMgr mgr;
+    std::vector<Key> keys;
+    for (int i = 0; i < 40; ++i)
+        keys.push_back(mgr.AllocKey());
+    std::thread([&] {
+        EXPECT_EQ(0u, mgr.GetValue(keys[39])); // index 40 lies beyond the empty array
+        EXPECT_EQ(0u, mgr.ThreadEntryCount());
+        mgr.SetValue(keys[39], 5);
+        mgr.SetValue(keys[3], 6);
+        EXPECT_EQ(41u, mgr.ThreadEntryCount());
+        EXPECT_EQ(5u, mgr.GetValue(keys[39]));
+        EXPECT_EQ(6u, mgr.GetValue(keys[3]));
+        EXPECT_EQ(0u, mgr.GetValue(keys[4])); // grown entries start empty
+    }).join();
+    for (Key& key : keys)
+        mgr.FreeKey(key);
+}
+
+TEST(ThreadLocalDeathTest, RunningOutOfKeysIsFatal) {
+    EXPECT_EXIT(
+        {
+            klAssertHook = [](const char* expr, const char* file, int, const char* message) {
+                std::fprintf(stderr, "fatal(%s, %s) in %s\n", expr, message, file);
+            };
+            klAssertReportHook = [](const char* expr, const char*, int, const char*) {
+                std::fprintf(stderr, "report(%s)\n", expr);
+            };
+            klThreadLocalMgr mgr;
+            Key last = 0;
+            for (uint32_t i = 1; i < 0xFFFFF; ++i)
+                last = mgr.AllocKey();
+            std::fprintf(stderr, "last %x\n", last);
+            std::fprintf(stderr, "over %x\n", mgr.AllocKey()); // goes on when the hook returns
+            std::fprintf(stderr, "wrapped %x\n", mgr.AllocKey());
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0),
+        HasAll({{"last ffffe000\n", 1},
+                {"fatal(key < (~(KeyType)0 >> GEN_BITS), we have more than this many active keys? "
+                 "something is wrong (they should be getting reused when destroyed)) in "
+                 "core/keel/klthread.cpp\nover fffff000\n",
+                 1},
+                {"report(key != INVALID_KEY)\nwrapped 0\n", 1}}));
+}
+
+TEST(ThreadLocalConcurrent, ManyThreadsAllocateStoreAndFree) {
+    Watchdog watchdog;
+    // Fewer allocations than generations, so no full key is ever handed out twice.
+    constexpr uint32_t kThreads = 8, kRounds = 500;
+    klThreadLocalMgr& mgr = *klThreadLocalMgr::Instance();
+    std::vector<std::atomic<int>> holders(4096);
+    std::atomic<int> clashes{0}, wrong{0}, done{0};
+    std::vector<std::thread> threads;
+    for (uint32_t t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            Key own = mgr.AllocKey();
+            mgr.SetValue(own, 1000 + t);
+            for (uint32_t i = 1; i <= kRounds; ++i) {
+                Key key = mgr.AllocKey();
+                std::atomic<int>& holder = holders[(key >> klThreadLocalMgr::GEN_BITS) % 4096];
+                clashes += holder.exchange(1);
+                wrong += mgr.GetValue(key) != 0; // a fresh generation holds nothing
+                mgr.SetValue(key, t * kRounds + i);
+                wrong += mgr.GetValue(key) != t * kRounds + i;
+                holder = 0;
+                mgr.FreeKey(key);
+                ++done;
+            }
+            wrong += mgr.GetValue(own) != 1000 + t;
+            mgr.FreeKey(own);
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(int(kThreads * kRounds), done);
+    EXPECT_EQ(0, clashes);
+    EXPECT_EQ(0, wrong);
+}
