@@ -37,24 +37,27 @@ struct Watchdog {
     ~Watchdog() { (mDone = true, mThread.join()); }
 };
 
+template <class F> void RunThreads(int count, F body) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < count; ++t) threads.emplace_back(body, t);
+    for (std::thread& thread : threads) thread.join();
+}
+
 std::atomic<int> gBegins{0}, gEnds{0}, gRuns{0};
+void AwaitRuns(int runs) { while (gRuns < runs) klSleep(1); } // bounded by a Watchdog
 
 // Loops until asked to stop (or for ever when stubborn), recording what it sees.
 struct Worker : klThread {
-    explicit Worker(const char* name, bool stubborn = false)
-        : klThread(name), mStubborn(stubborn) {}
+    explicit Worker(const char* name, bool stubborn = false) : klThread(name), mStubborn(stubborn) {}
     ~Worker() override { WaitStop(5000); }
     bool OnStart() override { return (mFinishedAtStart = mFinished, mAllowStart); }
     void RequestStop() override { ++mStopRequests; }
     void Run() override {
-        mIdInside = GetCurrentThreadId();
-        mHooksInside = gBegins * 10 + gEnds;
+        mIdInside = GetCurrentThreadId(), mHooksInside = gBegins * 10 + gEnds;
 #ifndef _WIN32
         pthread_getname_np(pthread_self(), mNameInside, sizeof(mNameInside));
 #endif
-        ++gRuns;
-        while (mStubborn || !IsStopRequested())
-            klSleep(1);
+        for (++gRuns; mStubborn || !IsStopRequested();) klSleep(1);
         ++mFinished;
     }
     const bool mStubborn;
@@ -64,11 +67,6 @@ struct Worker : klThread {
     uint32_t mIdInside = 0;
     char mNameInside[32] = {};
 };
-
-void AwaitRuns(int runs) {
-    while (gRuns < runs)
-        klSleep(1);
-}
 
 } // namespace
 
@@ -93,8 +91,7 @@ TEST(Thread, RestartJoinsThePreviousRunAndOnStartMayVeto) {
     ASSERT_TRUE(worker.Start());
     EXPECT_EQ(1, worker.mFinishedAtStart); // the first run had ended before OnStart
     EXPECT_EQ(2, worker.mStopRequests);    // every Start asks first, even with nothing running
-    AwaitRuns(2);
-    klSleep(20);
+    AwaitRuns(2), klSleep(20);
     EXPECT_EQ(1, worker.mFinished); // the restart cleared its stop request
 
     worker.mAllowStart = false;
@@ -121,16 +118,11 @@ TEST(ThreadDeathTest, OverdueThreadsAreKilledAfterOneLine) {
         },
         testing::ExitedWithCode(0),
         HasAll({{"ERROR klThread::WaitStop(): Possible deadlock in stubborn, terminating the "
-                 "thread\n",
-                 1},
-                {"returned running=0 slow=0", 1}}));
+                 "thread\n", 1}, {"returned running=0 slow=0", 1}}));
     // Left to klThread's destructor, a thread that honours the stop gets only the DEBUG line.
     struct Polite : klThread {
         Polite() : klThread("polite") {}
-        void Run() override {
-            for (++gRuns; !IsStopRequested();)
-                klSleep(1);
-        }
+        void Run() override { for (++gRuns; !IsStopRequested();) klSleep(1); }
     };
     EXPECT_EXIT(
         {
@@ -142,10 +134,8 @@ TEST(ThreadDeathTest, OverdueThreadsAreKilledAfterOneLine) {
             std::exit((std::fprintf(stderr, "destroyed\n"), 0));
         },
         testing::ExitedWithCode(0),
-        HasAll(
-            {{"DEBUG klThread::~klThread() - thread still running, waiting for completion.\n", 1},
-             {"destroyed", 1},
-             {"deadlock", 0}}));
+        HasAll({{"DEBUG klThread::~klThread() - thread still running, waiting for completion.\n", 1},
+                {"destroyed", 1}, {"deadlock", 0}}));
 }
 
 TEST(Event, TimesOutWakesOnceAndWaitsWithoutLimit) {
@@ -154,17 +144,14 @@ TEST(Event, TimesOutWakesOnceAndWaitsWithoutLimit) {
     auto begin = Clock::now();
     EXPECT_FALSE(event.Wait(30));
     EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(25));
-    event.Signal();
-    event.Signal(); // does not accumulate
+    event.Signal(), event.Signal(); // does not accumulate
     EXPECT_TRUE(event.Wait(30));
     EXPECT_FALSE(event.Wait(1));
-
     std::atomic<bool> woke{false};
     std::thread waiter([&] { woke = event.Wait(0); });
     klSleep(50);
     EXPECT_FALSE(woke);
-    event.Signal();
-    waiter.join();
+    event.Signal(), waiter.join();
     EXPECT_TRUE(woke);
 }
 
@@ -176,20 +163,11 @@ TEST(SemaphoreConcurrent, CountsToItsCeilingAndLosesNoPost) {
     EXPECT_TRUE(semaphore.Wait() && semaphore.Wait() && semaphore.Wait());
     constexpr int kPairs = 4, kEach = 2000;
     std::atomic<int> taken{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kPairs; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < kEach; ++i)
-                while (!semaphore.Post())
-                    klYieldOrSleep();
-        });
-        threads.emplace_back([&] {
-            for (int i = 0; i < kEach; ++i)
-                taken += semaphore.Wait();
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    RunThreads(2 * kPairs, [&](int t) {
+        for (int i = 0; i < kEach; ++i)
+            if (t % 2) taken += semaphore.Wait(); // odd threads take, even ones post
+            else while (!semaphore.Post()) klYieldOrSleep();
+    });
     EXPECT_EQ(kPairs * kEach, taken);
 }
 
@@ -209,12 +187,9 @@ TEST(ThreadLocal, FreedKeysComeBackUnderTheNextGeneration) {
     Key stale = first, reused = 0;
     uint32_t reusedThere = 1, staleThere = 1;
     std::thread other([&] {
-        mgr.SetValue(stale, 9);
-        stored.Signal();
-        reallocated.Wait();
+        mgr.SetValue(stale, 9), stored.Signal(), reallocated.Wait();
         reusedThere = mgr.GetValue(reused);
-        mgr.SetValue(reused, 12);
-        staleThere = mgr.GetValue(stale);
+        mgr.SetValue(reused, 12), staleThere = mgr.GetValue(stale);
     });
     stored.Wait();
     mgr.FreeKey(first);
@@ -222,8 +197,7 @@ TEST(ThreadLocal, FreedKeysComeBackUnderTheNextGeneration) {
     reused = mgr.AllocKey();
     EXPECT_EQ(stale + 1, reused);
     EXPECT_EQ(0u, mgr.GetValue(reused));
-    mgr.SetValue(reused, 11);
-    reallocated.Signal();
+    mgr.SetValue(reused, 11), reallocated.Signal();
     other.join();
     EXPECT_EQ(0u, reusedThere + staleThere + mgr.GetValue(stale));
     EXPECT_EQ(11u, mgr.GetValue(reused));
@@ -233,27 +207,22 @@ TEST(ThreadLocal, FreedKeysComeBackUnderTheNextGeneration) {
     EXPECT_EQ(0u, mgr.GetValue(zero));
     mgr.FreeKey(zero);
     EXPECT_EQ((std::vector<std::string>{"key != INVALID_KEY", "key != 0"}), capture.Exprs());
-    mgr.FreeKey(reused);
-    mgr.FreeKey(second);
+    mgr.FreeKey(reused), mgr.FreeKey(second);
 }
 
 TEST(ThreadLocal, OnlySettingGrowsTheArray) {
     klThreadLocalMgr mgr;
-    std::vector<Key> keys;
-    for (int i = 0; i < 40; ++i)
-        keys.push_back(mgr.AllocKey());
+    std::vector<Key> keys(40);
+    for (Key& key : keys) key = mgr.AllocKey();
     std::thread([&] {
         EXPECT_EQ(0u, mgr.GetValue(keys[39])); // index 40 lies beyond the empty array
         EXPECT_EQ(0u, mgr.ThreadEntryCount());
-        mgr.SetValue(keys[39], 5);
-        mgr.SetValue(keys[3], 6);
+        mgr.SetValue(keys[39], 5), mgr.SetValue(keys[3], 6);
         EXPECT_EQ(41u, mgr.ThreadEntryCount());
-        EXPECT_EQ(5u, mgr.GetValue(keys[39]));
-        EXPECT_EQ(6u, mgr.GetValue(keys[3]));
+        EXPECT_EQ(5u * 6u, mgr.GetValue(keys[39]) * mgr.GetValue(keys[3]));
         EXPECT_EQ(0u, mgr.GetValue(keys[4])); // grown entries start empty
     }).join();
-    for (Key& key : keys)
-        mgr.FreeKey(key);
+    for (Key& key : keys) mgr.FreeKey(key);
 }
 
 TEST(ThreadLocalDeathTest, RunningOutOfKeysIsFatal) {
@@ -267,8 +236,7 @@ TEST(ThreadLocalDeathTest, RunningOutOfKeysIsFatal) {
             };
             klThreadLocalMgr mgr;
             Key last = 0;
-            for (uint32_t i = 1; i < 0xFFFFF; ++i)
-                last = mgr.AllocKey();
+            for (uint32_t i = 1; i < 0xFFFFF; ++i) last = mgr.AllocKey();
             std::fprintf(stderr, "last %x\n", last);
             std::fprintf(stderr, "over %x\n", mgr.AllocKey()); // goes on when the hook returns
             std::fprintf(stderr, "wrapped %x\n", mgr.AllocKey());
@@ -278,8 +246,7 @@ TEST(ThreadLocalDeathTest, RunningOutOfKeysIsFatal) {
         HasAll({{"last ffffe000\n", 1},
                 {"fatal(key < (~(KeyType)0 >> GEN_BITS), we have more than this many active keys? "
                  "something is wrong (they should be getting reused when destroyed)) in "
-                 "core/keel/klthread.cpp\nover fffff000\n",
-                 1},
+                 "core/keel/klthread.cpp\nover fffff000\n", 1},
                 {"report(key != INVALID_KEY)\nwrapped 0\n", 1}}));
 }
 
@@ -290,28 +257,20 @@ TEST(ThreadLocalConcurrent, ManyThreadsAllocateStoreAndFree) {
     klThreadLocalMgr& mgr = *klThreadLocalMgr::Instance();
     std::vector<std::atomic<int>> holders(4096);
     std::atomic<int> clashes{0}, wrong{0}, done{0};
-    std::vector<std::thread> threads;
-    for (uint32_t t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            Key own = mgr.AllocKey();
-            mgr.SetValue(own, 1000 + t);
-            for (uint32_t i = 1; i <= kRounds; ++i) {
-                Key key = mgr.AllocKey();
-                std::atomic<int>& holder = holders[(key >> klThreadLocalMgr::GEN_BITS) % 4096];
-                clashes += holder.exchange(1);
-                wrong += mgr.GetValue(key) != 0; // a fresh generation holds nothing
-                mgr.SetValue(key, t * kRounds + i);
-                wrong += mgr.GetValue(key) != t * kRounds + i;
-                holder = 0;
-                mgr.FreeKey(key);
-                ++done;
-            }
-            wrong += mgr.GetValue(own) != 1000 + t;
-            mgr.FreeKey(own);
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    RunThreads(kThreads, [&](uint32_t t) {
+        Key own = mgr.AllocKey();
+        mgr.SetValue(own, 1000 + t);
+        for (uint32_t i = 1; i <= kRounds; ++i, ++done) {
+            Key key = mgr.AllocKey();
+            std::atomic<int>& holder = holders[(key >> klThreadLocalMgr::GEN_BITS) % 4096];
+            clashes += holder.exchange(1);
+            wrong += mgr.GetValue(key) != 0; // a fresh generation holds nothing
+            mgr.SetValue(key, t * kRounds + i);
+            wrong += mgr.GetValue(key) != t * kRounds + i;
+            holder = 0, mgr.FreeKey(key);
+        }
+        wrong += mgr.GetValue(own) != 1000 + t, mgr.FreeKey(own);
+    });
     EXPECT_EQ(int(kThreads * kRounds), done);
     EXPECT_EQ(0, clashes);
     EXPECT_EQ(0, wrong);
