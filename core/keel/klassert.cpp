@@ -2,6 +2,7 @@
 
 #include "keel/klplatform.h"
 #include "keel/kllockfree.h"
+#include "keel/kllog.h"
 
 #include <cstdio>
 #include <cstring>
@@ -27,16 +28,11 @@ Claim ClaimDeath() {
     return klAtomicLoad(&gDyingThread) == me ? Claim::AlreadyMine : Claim::Other;
 }
 
-// "kind: message" on stderr, one line however the message ends. Stands in for the log
-// until the logging facility carries death reports.
-void WriteDeathReport(const char* kind, const char* message) {
-    if (!message) message = "";
-    size_t length = std::strlen(message);
-    bool endsLine = length > 0 && message[length - 1] == '\n';
-    std::fprintf(stderr, "%s: %s%s", kind ? kind : "", message, endsLine ? "" : "\n");
-    std::fflush(stderr);
+// The log channel of deaths. A static object: reporting a death allocates nothing.
+klLogger& DeathLog() {
+    static klLogger log("DEATH");
+    return log;
 }
-
 } // namespace
 
 int klFormatAssert(char* buf, int bufSize, const char* expr, const char* file, int line,
@@ -82,13 +78,15 @@ void klDie(const char* kind, const char* message) {
         callback(message ? message : "");
     if (kl::platform::IsDebuggerAttached())
         kl::platform::RaiseDebuggerReport(kDeathCode, false, kind, message);
-    WriteDeathReport(kind, message);
+    DeathLog().Error("%s", kind ? kind : "");
+    DeathLog().Error("%s", message ? message : "");
+    klLogFlush();
     kl::platform::FlushAndExit(klDeathExitCode);
 }
 
 void klReportDeath(const char* kind, const char* message) {
     if (ClaimDeath() != Claim::First) return;
-    WriteDeathReport(kind, message);
+    DeathLog().Error("%s: %s\n", kind ? kind : "", message ? message : "");
     std::fflush(nullptr);
     if (kl::platform::IsDebuggerAttached())
         kl::platform::RaiseDebuggerReport(kReportedDeathCode, true, kind, message);

@@ -2,9 +2,14 @@
 
 #include "keel/klfileplatform.h"
 #include "keel/kllockfree.h"
+#include "keel/kllog.h"
 #include "keel/klmalloc.h"
+#include "keel/klplatform.h"
 
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 namespace {
 
@@ -325,5 +330,44 @@ void ListDirectory(const char* dir, std::vector<klString>& folders, std::vector<
         return true;
     });
 }
+
+namespace {
+
+// The folder of the log and the local files, and the log file; never torn down, so that
+// lines logged late in the shut-down still find them.
+klString& LocalDir() {
+    static klString* dir = new klString();
+    return *dir;
+}
+klString& LogFile() {
+    static klString* file = new klString("console.log");
+    return *file;
+}
+
+} // namespace
+
+bool CreatePath(const char* path) {
+    const std::filesystem::path folder(reinterpret_cast<const char8_t*>(path)); // UTF-8 text
+    std::error_code error;
+    std::filesystem::create_directories(folder, error);
+    return std::filesystem::is_directory(folder, error);
+}
+
+void SetLogDir(const char* dir) {
+    if (!dir || !*dir) return;
+    klString& local = LocalDir();
+    local = dir;
+    const char separator[2] = {kl::platform::PathSeparator(), 0};
+    if (!IsSeparator(local.Const()[local.Size() - 1])) local += separator;
+    CreatePath(local.Const());
+    LogFile() = CombinePath(local, "console.log");
+    if (kl::platform::IsDebuggerAttached()) {
+        char announcement[1100];
+        std::snprintf(announcement, sizeof(announcement), "KORV-LOGPATH=%s\n", LogFile().Const());
+        kl::detail::WriteToDebugger(announcement);
+    }
+}
+
+const klString& GetLogFile() { return LogFile(); }
 
 } // namespace klFileSystem

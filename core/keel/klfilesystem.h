@@ -63,6 +63,15 @@ void DirectoryContents(const char* dir, const char* pattern, std::vector<klStrin
 // "." and ".." are left out.
 void ListDirectory(const char* dir, std::vector<klString>& folders, std::vector<klString>& files);
 
+// Creates the folder path and every folder above it that is missing. True when path is
+// a folder afterwards.
+bool CreatePath(const char* path);
+// Moves the log (and the local folder) to dir: stores it with a trailing separator,
+// creates it, and points the log file at dir/console.log. Ignored for null or "".
+void SetLogDir(const char* dir);
+// The log file's path; "console.log" in the working folder until SetLogDir.
+const klString& GetLogFile();
+
 } // namespace klFileSystem
 
 // A klStream over an open C stream. The stream owns its file: it closes it with

@@ -1,6 +1,7 @@
 // The portable half of threads and thread-local slots.
 #include "keel/klthread.h"
 
+#include "keel/kllog.h"
 #include "keel/klmalloc.h"
 #include "keel/klplatform.h"
 
@@ -13,18 +14,6 @@ klThreadHookFn klThreadBeginHook = nullptr;
 klThreadHookFn klThreadEndHook = nullptr;
 
 namespace {
-
-// The log is not part of keel yet: until it is, the two thread messages go to stderr
-// from here, and this is the one place the log takes over.
-void ThreadLog(const char* level, const char* format, ...) {
-    char line[512];
-    va_list args;
-    va_start(args, format);
-    kl::platform::FormatV(line, sizeof(line), format, args);
-    va_end(args);
-    std::fprintf(stderr, "%5s %s\n", level, line);
-    std::fflush(stderr);
-}
 
 char* CopyName(const char* name) {
     size_t size = std::strlen(name) + 1;
@@ -46,7 +35,7 @@ klThread::klThread(const char* debugName, uint32_t stackSize)
 
 klThread::~klThread() {
     if (mRunning) {
-        ThreadLog("DEBUG", "klThread::~klThread() - thread still running, waiting for completion.");
+        klConsoleLogger().Debug("klThread::~klThread() - thread still running, waiting for completion.");
         WaitStop(kDestructorTimeoutMs);
     }
     klFree(mName);
@@ -65,7 +54,7 @@ void klThread::WaitStop(uint32_t timeoutMs) {
     klAtomicStore(&mStopRequested, true);
     if (!mRunning) return;
     if (!Join(timeoutMs)) {
-        ThreadLog("ERROR", "klThread::WaitStop(): Possible deadlock in %s, terminating the thread",
+        klConsoleLogger().Error("klThread::WaitStop(): Possible deadlock in %s, terminating the thread",
                   mName);
         Terminate();
     }

@@ -79,7 +79,7 @@ TEST(LifetimeDeathTest, CircularDependencyIsFatal) {
             klObjectLifetimeManager::Initialize();
         },
         testing::ExitedWithCode(123),
-        Has("ASSERT: assertmsg(!mInitialized, if you see this we have a circular dependency of "
+        Has(") assertmsg(!mInitialized, if you see this we have a circular dependency of "
             "singletons) failed at: core/keel/kllifetime.h:"));
 }
 
@@ -102,7 +102,6 @@ TEST(LifetimeDeathTest, MisuseIsReported) {
                  "report(!sInitialized)\n"
                  "report(klObjectLifetimeManager::IsOperating())\n"
                  "report(sCreateRoot == this)\n"
-                 "report(klObjectLifetimeManager::IsOperating())\n"
-                 "ASSERT: assertmsg(!mInitialized, if you see this we have a circular dependency",
-                 1}})));
+                 "report(klObjectLifetimeManager::IsOperating())\nERROR ",
+                 1}, {") assertmsg(!mInitialized, if you see this we have a circular dependency", 1}})));
 }

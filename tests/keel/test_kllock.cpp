@@ -89,7 +89,7 @@ TEST(KlMutex, ConcurrentContentionIsReportedToAProfiler) {
 
 TEST(KlConditionDeathTest, UseWithoutTheLockIsFatal) {
     auto fatal = [](const std::string& call) {
-        return keeltest::Has("ASSERT: assertmsg(_mutex._bSpin != 0, Condition should be locked "
+        return keeltest::Has(") assertmsg(_mutex._bSpin != 0, Condition should be locked "
                              "before calling " + call + ") failed at: core/keel/kllock.cpp:", 1);
     };
     klCondition cond;

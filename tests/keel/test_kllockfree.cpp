@@ -189,7 +189,7 @@ TEST(SafeQueue, KeepsOrderForOneProducerAndReturnsZeroWhenEmpty) {
 
 TEST(SafeQueueDeathTest, DestroyingAFilledQueueIsFatal) {
     EXPECT_EXIT(klSafeQueue().Push(42), testing::ExitedWithCode(klDeathExitCode),
-                keeltest::Has("ASSERT: assertmsg(mHead.ptr == mTail.ptr, ERROR: queue should be empty when "
+                keeltest::Has(") assertmsg(mHead.ptr == mTail.ptr, ERROR: queue should be empty when "
                               "destroyed) failed at: core/keel/kllockfree.cpp:", 1));
 }
 

@@ -1,8 +1,10 @@
 #include "keel_test.h"
 
+#include "keel/kllog.h"
 #include "keel/klthread.h"
 
 #include <atomic>
+#include <cstdarg>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -117,8 +119,9 @@ TEST(ThreadDeathTest, OverdueThreadsAreKilledAfterOneLine) {
             std::exit(0);
         },
         testing::ExitedWithCode(0),
-        HasAll({{"ERROR klThread::WaitStop(): Possible deadlock in stubborn, terminating the "
-                 "thread\n", 1}, {"returned running=0 slow=0", 1}}));
+        (HasAll({{"ERROR ", 1}, {" CONSOLE (", 1},
+                 {") klThread::WaitStop(): Possible deadlock in stubborn, terminating the thread\n", 1},
+                 {"returned running=0 slow=0", 1}})));
     // Left to klThread's destructor, a thread that honours the stop gets only the DEBUG line.
     struct Polite : klThread {
         Polite() : klThread("polite") {}
@@ -127,6 +130,13 @@ TEST(ThreadDeathTest, OverdueThreadsAreKilledAfterOneLine) {
     EXPECT_EXIT(
         {
             Watchdog watchdog;
+            // The line is a debug one, and the console sink would put it on stdout.
+            klConsoleLogger().SetLevel(klLogDebug, true);
+            klSetDefaultLogSink([](uint32_t level, const char* tag, const char* format, va_list* args) {
+                std::fprintf(stderr, "%s [%s] ", klLogLevelName(level), tag);
+                std::vfprintf(stderr, format, *args);
+                std::fputc('\n', stderr);
+            });
             klThread* polite = new Polite;
             polite->Start();
             AwaitRuns(1);
@@ -134,7 +144,7 @@ TEST(ThreadDeathTest, OverdueThreadsAreKilledAfterOneLine) {
             std::exit((std::fprintf(stderr, "destroyed\n"), 0));
         },
         testing::ExitedWithCode(0),
-        HasAll({{"DEBUG klThread::~klThread() - thread still running, waiting for completion.\n", 1},
+        HasAll({{"DEBUG [CONSOLE] klThread::~klThread() - thread still running, waiting for completion.\n", 1},
                 {"destroyed", 1}, {"deadlock", 0}}));
 }
 

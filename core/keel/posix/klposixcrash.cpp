@@ -1,0 +1,86 @@
+// Linux half of crash handling: signal handlers instead of an exception filter, and no
+// dump library.
+#include "keel/klcrash.h"
+
+#include <signal.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+struct CrashSignal {
+    int signo;
+    const char* name;
+};
+// SIGABRT first: it reports as an assertion, the others as crashes.
+constexpr CrashSignal kSignals[] = {
+    {SIGABRT, "SIGABRT"}, {SIGSEGV, "SIGSEGV"}, {SIGBUS, "SIGBUS"}, {SIGILL, "SIGILL"}, {SIGFPE, "SIGFPE"},
+};
+constexpr int kSignalCount = sizeof(kSignals) / sizeof(kSignals[0]);
+
+klCrashFilter gFilter = nullptr;
+
+// A stack overflow leaves no room for the handler on the thread's own stack. The
+// alternate stack serves the thread that installed the handlers; others report on their
+// own stacks.
+alignas(16) char gAltStack[64 * 1024];
+
+void OnSignal(int signo, siginfo_t* info, void*) {
+    if (signo == SIGABRT) kl::crash::OnAbortSignal(signo);
+    if (klCrashFilter filter = __atomic_load_n(&gFilter, __ATOMIC_SEQ_CST)) filter(info);
+    const char* name = "signal";
+    for (const CrashSignal& s : kSignals)
+        if (s.signo == signo) name = s.name;
+    kl::crash::OnCrashSignal(name, signo);
+}
+
+void UseAlternateStack() {
+    stack_t stack = {};
+    stack.ss_sp = gAltStack;
+    stack.ss_size = sizeof(gAltStack);
+    sigaltstack(&stack, nullptr);
+}
+
+} // namespace
+
+struct klCrashGuard::Saved {
+    struct sigaction actions[kSignalCount];
+};
+
+klCrashGuard::klCrashGuard() : mSaved(new Saved) {
+    for (int i = 0; i < kSignalCount; ++i) sigaction(kSignals[i].signo, nullptr, &mSaved->actions[i]);
+}
+
+klCrashGuard::~klCrashGuard() {
+    for (int i = 0; i < kSignalCount; ++i) sigaction(kSignals[i].signo, &mSaved->actions[i], nullptr);
+    delete mSaved;
+}
+
+namespace kl::crash {
+
+// glibc's __cxa_pure_virtual cannot be replaced safely from a static library; it ends in
+// std::terminate, so a pure virtual call reports as "TERMINATE".
+void InstallPlatformHandlers(bool enable, klCrashFilter filter) {
+    __atomic_store_n(&gFilter, filter, __ATOMIC_SEQ_CST);
+    struct sigaction action = {};
+    sigemptyset(&action.sa_mask);
+    if (enable) {
+        UseAlternateStack();
+        action.sa_sigaction = OnSignal;
+        // SA_NODEFER: a crash inside the report re-enters, and klDie then exits at once.
+        action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
+    } else {
+        action.sa_handler = SIG_DFL;
+    }
+    for (const CrashSignal& s : kSignals) sigaction(s.signo, &action, nullptr);
+}
+
+void DebuggerOutput(const char*) {} // no debugger channel beside stdout
+
+const char* WriteMiniDump(const char*, const char*, void*) { return nullptr; }
+
+klString LastErrorText() { return klString(std::strerror(errno)); }
+
+} // namespace kl::crash
