@@ -117,9 +117,19 @@ constexpr uint32_t kRecordGrowBy = 8;
 constexpr uint32_t kFirstEntries = 32;
 } // namespace
 
+namespace {
+// The calling thread's record of the manager it used last. The system slot stays the
+// record's home; this copy only spares a system call on every read, which the reader/
+// writer lock makes twice per lock.
+thread_local uint64_t tCachedInstance = 0;
+thread_local void* tCachedStorage = nullptr;
+uint64_t gManagerInstances = 0;
+} // namespace
+
 klThreadLocalMgr::klThreadLocalMgr()
     : mMasterKey(kl::detail::kNoTlsSlot),
-      mStoragePool(sizeof(Storage) > 24 ? sizeof(Storage) : 24, kRecordGrowBy, 1), mNextIndex(1) {
+      mStoragePool(sizeof(Storage) > 24 ? sizeof(Storage) : 24, kRecordGrowBy, 1), mNextIndex(1),
+      mInstance(klXchgAdd(&gManagerInstances, uint64_t(1)) + 1) {
     mMasterKey = kl::detail::TlsSlotAlloc();
     klAssertAs(mMasterKey != kl::detail::kNoTlsSlot, "mMasterKey != TLS_OUT_OF_INDEXES");
 }
@@ -157,7 +167,12 @@ void klThreadLocalMgr::FreeKey(KeyType& key) {
 }
 
 klThreadLocalMgr::Storage* klThreadLocalMgr::ThreadStorage() {
-    if (void* record = kl::detail::TlsSlotGet(mMasterKey)) return static_cast<Storage*>(record);
+    if (tCachedInstance == mInstance) return static_cast<Storage*>(tCachedStorage);
+    if (void* record = kl::detail::TlsSlotGet(mMasterKey)) {
+        tCachedInstance = mInstance;
+        tCachedStorage = record;
+        return static_cast<Storage*>(record);
+    }
     if (mMasterKey == kl::detail::kNoTlsSlot) return nullptr; // reported at construction
     uint32_t next = klAtomicLoad(&mNextIndex);
     Storage* threadStorage =
@@ -165,6 +180,8 @@ klThreadLocalMgr::Storage* klThreadLocalMgr::ThreadStorage() {
     mRecords.Push(threadStorage);
     kl::detail::TlsSlotSet(mMasterKey, threadStorage);
     klAssert(threadStorage != NULL);
+    tCachedInstance = mInstance;
+    tCachedStorage = threadStorage;
     return threadStorage;
 }
 

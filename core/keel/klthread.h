@@ -170,6 +170,7 @@ private:
     klSafeQueue::NodePool mStoragePool;
     klCountedStack mRecords; // every record handed out, for the destructor
     uint32_t mNextIndex;
+    uint64_t mInstance; // tells this manager apart from any earlier one at the same address
 };
 
 namespace kl::detail {
