@@ -2,6 +2,7 @@
 // definition in win32/klw32file.cpp and one in posix/klposixfile.cpp.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -28,5 +29,11 @@ using FindVisitor = bool (*)(void* context, const char* name, bool isDirectory);
 // and ".." included, in the platform's enumeration order. Returns whether the search
 // found at least one entry; a folder that does not exist finds nothing.
 bool FindEntries(const char* searchPath, FindVisitor visit, void* context);
+
+// The working folder into buf (bufSize bytes, always terminated); false when the system
+// will not say or it does not fit.
+bool CurrentDirectory(char* buf, size_t bufSize);
+// Makes path the working folder; false when it cannot.
+bool ChangeDirectory(const char* path);
 
 } // namespace kl::platform

@@ -370,4 +370,13 @@ void SetLogDir(const char* dir) {
 
 const klString& GetLogFile() { return LogFile(); }
 
+bool GetCurrentDir(klString* dir) {
+    char buffer[kMaxOpenPath + 1];
+    if (!kl::platform::CurrentDirectory(buffer, sizeof(buffer)) || !buffer[0]) return false;
+    *dir = buffer;
+    return true;
+}
+
+bool SetCurrentDir(const char* dir) { return dir && *dir && kl::platform::ChangeDirectory(dir); }
+
 } // namespace klFileSystem

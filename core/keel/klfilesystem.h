@@ -66,6 +66,10 @@ void ListDirectory(const char* dir, std::vector<klString>& folders, std::vector<
 // Creates the folder path and every folder above it that is missing. True when path is
 // a folder afterwards.
 bool CreatePath(const char* path);
+// The working folder (in the platform's own separators); false when it cannot be read.
+bool GetCurrentDir(klString* dir);
+// Changes the working folder; false when dir is not a folder that can be entered.
+bool SetCurrentDir(const char* dir);
 // Moves the log (and the local folder) to dir: stores it with a trailing separator,
 // creates it, and points the log file at dir/console.log. Ignored for null or "".
 void SetLogDir(const char* dir);

@@ -6,6 +6,11 @@ bool klObjectLifetimeManager::sInitialized = false;
 bool klObjectLifetimeManager::sOperating = false;
 klSingletonBase* klObjectLifetimeManager::sRegisteredRoot = nullptr;
 klSingletonBase* klObjectLifetimeManager::sCreateRoot = nullptr;
+bool klObjectLifetimeManager::sErrorCondition = false;
+
+// Any thread may record it, so it is read and written atomically.
+void klObjectLifetimeManager::RecordErrorCondition() { __atomic_store_n(&sErrorCondition, true, __ATOMIC_SEQ_CST); }
+bool klObjectLifetimeManager::HasErrorCondition() { return __atomic_load_n(&sErrorCondition, __ATOMIC_SEQ_CST); }
 
 void klSingletonBase::Register() {
     mNextRegistered = klObjectLifetimeManager::sRegisteredRoot;

@@ -53,6 +53,12 @@ public:
     static void Initialize();
     static void Shutdown();
     static bool IsOperating() { return sOperating; }
+    // Between Initialize and Shutdown.
+    static bool IsInitialized() { return sInitialized; }
+    // Marks the process as ending in error: any part of the host or library that wants a
+    // failing exit code records it, and klExitReport turns it into exit code 5.
+    static void RecordErrorCondition();
+    static bool HasErrorCondition();
 
 private:
     friend class klSingletonBase;
@@ -60,6 +66,7 @@ private:
     static bool sOperating;
     static klSingletonBase* sRegisteredRoot;
     static klSingletonBase* sCreateRoot;
+    static bool sErrorCondition;
 };
 
 template <class T> class klSingleton : public klSingletonBase {
@@ -69,6 +76,11 @@ public:
         (void)&sRegistration;
         klAssert(sInstance.mPointer != 0);
         return sInstance.mPointer;
+    }
+    // True while the singleton exists (between its creation and its destruction).
+    static bool IsLive() {
+        (void)&sRegistration;
+        return sInstance.mPointer != nullptr;
     }
 
     static klSingleton sInstance;

@@ -160,6 +160,8 @@ public:
     klLCaseString(const klLCaseString&) = default;
     klLCaseString(klLCaseString&&) noexcept = default;
     klLCaseString(const klString& s) : klString(s) { ToLower(); }
+    // Takes the text over, so an unshared one is folded where it lies.
+    klLCaseString(klString&& s) noexcept : klString(std::move(s)) { ToLower(); }
     klLCaseString(const char* s) : klString(s) { ToLower(); }
     klLCaseString& operator=(const klLCaseString&) = default;
     klLCaseString& operator=(klLCaseString&&) noexcept = default;

@@ -3,6 +3,10 @@
 #pragma once
 
 #include "keel/klassert.h"
+#include "keel/kllog.h"
+
+#include <cstdarg>
+#include <cstdio>
 
 #include <gtest/gtest.h>
 
@@ -68,6 +72,45 @@ public:
 
 private:
     Needles mNeedles;
+};
+
+// Replaces the default log sink for its lifetime and keeps every message, expanded,
+// one string per line. Single-threaded use.
+class CaptureLog {
+public:
+    CaptureLog() {
+        sActive = this;
+        klSetDefaultLogSink(&Sink);
+    }
+    // Puts the console sink back.
+    ~CaptureLog() {
+        klSetDefaultLogSink(nullptr);
+        sActive = nullptr;
+    }
+    const std::vector<std::string>& Lines() const { return mLines; }
+    std::vector<uint32_t> Levels() const { return mLevels; }
+    void Clear() {
+        mLines.clear();
+        mLevels.clear();
+    }
+
+private:
+    static void Sink(uint32_t level, const char*, const char* message, va_list* args) {
+        char line[2048];
+        if (args) {
+            va_list copy;
+            va_copy(copy, *args);
+            std::vsnprintf(line, sizeof(line), message, copy);
+            va_end(copy);
+        } else {
+            std::snprintf(line, sizeof(line), "%s", message);
+        }
+        sActive->mLines.push_back(line);
+        sActive->mLevels.push_back(level);
+    }
+    static inline CaptureLog* sActive = nullptr;
+    std::vector<std::string> mLines;
+    std::vector<uint32_t> mLevels;
 };
 
 inline testing::Matcher<const std::string&> Has(std::string needle, int times = -1) {

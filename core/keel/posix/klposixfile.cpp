@@ -7,6 +7,7 @@
 #include <fnmatch.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -64,5 +65,9 @@ bool FindEntries(const char* searchPath, FindVisitor visit, void* context) {
     closedir(dir);
     return found;
 }
+
+bool CurrentDirectory(char* buf, size_t bufSize) { return getcwd(buf, bufSize) != nullptr; }
+
+bool ChangeDirectory(const char* path) { return chdir(path) == 0; }
 
 } // namespace kl::platform

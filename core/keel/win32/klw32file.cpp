@@ -1,6 +1,7 @@
 // Windows half of the file layer.
 #include "keel/klfileplatform.h"
 
+#include <direct.h>
 #include <io.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -39,5 +40,11 @@ bool FindEntries(const char* searchPath, FindVisitor visit, void* context) {
     _findclose(search);
     return true;
 }
+
+bool CurrentDirectory(char* buf, size_t bufSize) {
+    return _getcwd(buf, static_cast<int>(bufSize)) != nullptr;
+}
+
+bool ChangeDirectory(const char* path) { return _chdir(path) == 0; }
 
 } // namespace kl::platform
