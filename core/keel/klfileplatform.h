@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstdio>
 
+class klString;
+
 namespace kl::platform {
 
 // The separator that the platform's own path calls expect: '\\' on Windows, '/' on Linux.
@@ -35,5 +37,34 @@ bool FindEntries(const char* searchPath, FindVisitor visit, void* context);
 bool CurrentDirectory(char* buf, size_t bufSize);
 // Makes path the working folder; false when it cannot.
 bool ChangeDirectory(const char* path);
+
+// Creates one folder (mkdir); true when it was made or already exists.
+bool MakeFolder(const char* path);
+// Removes one empty folder (rmdir); true on success.
+bool RemoveFolder(const char* path);
+// Deletes one file (unlink); true on success. A folder is never removed this way.
+bool UnlinkFile(const char* path);
+// Creates path exclusively (it must not exist yet), read-write, binary, owner-only, and
+// opens it "w+b". Null on failure with errno telling why (EEXIST when it exists).
+FILE* CreateExclusiveFile(const char* path);
+uint32_t ProcessId();
+// The position of an open file as a 64-bit offset; -1 on failure.
+int64_t TellFile(FILE* file);
+// Size and modification time (seconds since 1970, UTC) of a file; false without status.
+bool FileStatus(const char* path, uint64_t* size, int64_t* modified);
+// Sets a file's access and modification times (seconds since 1970, UTC).
+bool SetFileTimes(const char* path, int64_t seconds);
+
+// A stream over the caller's size bytes for mode "r", "w" or "r+" (binary); null when
+// the platform cannot make one.
+FILE* OpenMemoryStream(void* buffer, uint32_t size, const char* mode);
+
+// Wide paths, for folders whose names leave ASCII.
+bool WidePathExists(const wchar_t* path);
+// Creates one folder; true when it was made or already exists.
+bool MakeFolderW(const wchar_t* path);
+// The narrow text of a wide path into *out; with shortForm, of its short form where the
+// platform has one. False when the platform cannot give it.
+bool NarrowPath(const wchar_t* path, bool shortForm, klString* out);
 
 } // namespace kl::platform

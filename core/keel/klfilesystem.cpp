@@ -4,12 +4,15 @@
 #include "keel/kllockfree.h"
 #include "keel/kllog.h"
 #include "keel/klmalloc.h"
+#include "keel/klnetworkcache.h"
 #include "keel/klplatform.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <system_error>
+#include <cwchar>
+#include <iterator>
+#include <string>
 
 namespace {
 
@@ -31,12 +34,15 @@ struct UrlHandler {
 };
 
 // Searched in order, first match wins; the last row, with an empty prefix and no
-// handlers, opens every path as a plain local file. URLs are not served yet: until a
-// row for "http://" (fetch into a local cache on open, upload on close) goes in front of
-// the plain-file row, a URL is opened as a local file name like any other path.
+// handlers, opens every path as a plain local file. Appending to a URL fetches it like
+// reading does, so that the upload on close sends the whole file, not just the tail.
 const UrlHandler kHandlers[] = {
+    {"http://", 7, klNetworkCache::Fetch, klNetworkCache::Prepare, klNetworkCache::Fetch, nullptr,
+     klNetworkCache::Upload, klNetworkCache::Upload},
     {"", 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr},
 };
+// The plain-file row, which also serves streams over memory.
+constexpr uint32_t kPlainRow = static_cast<uint32_t>(std::size(kHandlers) - 1);
 
 // One tracked stream. fp is 0 while the slot is free, the slot's 1-based index while its
 // claimer fills it in, and the open stream after that. Only fp is shared: the other
@@ -134,6 +140,12 @@ template <class Visit> bool Search(klString searchPath, Visit visit) {
 
 bool IsDotEntry(const char* name) {
     return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0));
+}
+
+klString NativePath(const char* path) {
+    klString native(path);
+    if (char* text = native.Ptr()) kl::platform::ToNativeSeparators(text);
+    return native;
 }
 
 klString SearchPathFor(const char* dir, const char* pattern) {
@@ -343,23 +355,319 @@ klString& LogFile() {
     static klString* file = new klString("console.log");
     return *file;
 }
+klString& CacheName() {
+    static klString* name = new klString();
+    return *name;
+}
+
+// Length of the stream behind fp, which is left at its start; -1 when it cannot seek.
+int64_t StreamSize(FILE* fp) {
+    if (kl::platform::SeekFile(fp, 0, 2) != 0) return -1;
+    const int64_t size = kl::platform::TellFile(fp);
+    return kl::platform::SeekFile(fp, 0, 0) == 0 ? size : -1;
+}
+
+// Copies count bytes in 4096-byte chunks; false when either side falls short.
+bool CopyChunks(FILE* in, FILE* out, uint64_t count) {
+    char chunk[4096];
+    while (count > 0) {
+        const size_t want = count < sizeof(chunk) ? static_cast<size_t>(count) : sizeof(chunk);
+        const size_t got = std::fread(chunk, 1, want, in);
+        if (got == 0 || std::fwrite(chunk, 1, got, out) != got) return false;
+        count -= got;
+    }
+    return true;
+}
+
+bool CopyBytewise(FILE* in, FILE* out, uint64_t count) {
+    for (; count > 0; --count) {
+        const int c = std::fgetc(in);
+        if (c == EOF || std::fputc(c, out) == EOF) return false;
+    }
+    return true;
+}
+
+// Adler-32 of at most count bytes from the current position, read one at a time.
+uint32_t Adler32(FILE* fp, uint64_t count) {
+    uint32_t a = 1, b = 0;
+    for (int c; count > 0 && (c = std::fgetc(fp)) != EOF; --count) {
+        a = (a + static_cast<uint32_t>(c)) % 65521;
+        b = (b + a) % 65521;
+    }
+    return (b << 16) | a;
+}
+
+// One SafeCopy attempt: a checked copy of in (at its start) into a new temporary file
+// beside to, which then replaces to. The temporary is removed when anything fails.
+bool CopyVerified(FILE* in, int64_t size, uint32_t checksum, const char* to) {
+    klString temp = Concat(to, static_cast<uint32_t>(std::strlen(to)), "XXXXXX", 6, "", 0);
+    FILE* copy = klFileSystem::MakeTempFile(temp.Ptr());
+    if (!copy) return false;
+    kl::platform::SeekFile(in, 0, 0);
+    bool ok = CopyBytewise(in, copy, static_cast<uint64_t>(size)) && std::fflush(copy) == 0;
+    ok = ok && kl::platform::SeekFile(copy, 0, 0) == 0 && Adler32(copy, UINT64_MAX) == checksum;
+    std::fclose(copy);
+    if (ok) {
+        std::remove(to);
+        ok = std::rename(temp.Const(), to) == 0;
+    }
+    if (!ok) kl::platform::UnlinkFile(temp.Const());
+    return ok;
+}
+
+bool IsHexDigit(char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+int HexValue(char c) {
+    return c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10;
+}
+
+// The character at *at with a percent escape decoded; moves *at past it.
+char DecodedAt(const char* text, size_t* at) {
+    const char* p = text + *at;
+    if (p[0] == '%' && IsHexDigit(p[1]) && IsHexDigit(p[2])) {
+        *at += 3;
+        return static_cast<char>(HexValue(p[1]) * 16 + HexValue(p[2]));
+    }
+    *at += 1;
+    return p[0];
+}
+
+// Whether a relative path stays below the folder it is joined to: no part made of two
+// or more dots and nothing else (Windows drops trailing dots and spaces, so "..." and
+// ". ." lead up too), no ':' (a drive or a stream), no escaped zero, read with percent
+// escapes decoded and either separator.
+bool StaysInside(const char* text) {
+    uint32_t length = 0, dots = 0;
+    bool onlyDots = true;
+    for (size_t at = 0;;) {
+        const bool end = text[at] == 0;
+        const char c = end ? '/' : DecodedAt(text, &at);
+        if (c == '/' || c == '\\') {
+            if (length > 0 && onlyDots && dots >= 2) return false;
+            if (end) return true;
+            length = dots = 0;
+            onlyDots = true;
+            continue;
+        }
+        if (c == ':' || c == 0) return false;
+        ++length;
+        dots += c == '.';
+        onlyDots = onlyDots && (c == '.' || c == ' ');
+    }
+}
+
+klString PrintablePath(const wchar_t* path) {
+    klString text;
+    kl::platform::NarrowPath(path, false, &text);
+    return text;
+}
+
+// Added to before each temporary name: different processes and runs start apart.
+uint64_t sNameCounter = 0;
 
 } // namespace
 
 bool CreatePath(const char* path) {
-    const std::filesystem::path folder(reinterpret_cast<const char8_t*>(path)); // UTF-8 text
-    std::error_code error;
-    std::filesystem::create_directories(folder, error);
-    return std::filesystem::is_directory(folder, error);
+    if (!path || !*path) return false;
+    // Only the last answer counts: a prefix that cannot be made, such as a drive ("c:"),
+    // is no failure as long as the whole path can be.
+    klString prefix;
+    for (const char* p = path + 1; *p; ++p)
+        if (IsSeparator(*p) && !IsSeparator(p[-1])) {
+            prefix.Copy(path, static_cast<uint32_t>(p - path));
+            CreateDirectory(prefix.Const());
+        }
+    return CreateDirectory(path);
+}
+
+FILE* OpenMemory(void* buffer, uint32_t size, const char* mode) {
+    if (!buffer || !mode || size == 0 || std::strchr(mode, 'a')) return nullptr;
+    const char* streamMode = std::strchr(mode, '+')   ? "r+"
+                             : std::strchr(mode, 'r') ? "r"
+                             : std::strchr(mode, 'w') ? "w"
+                                                      : nullptr;
+    if (!streamMode) return nullptr;
+    const uint32_t index = ClaimSlot();
+    if (index == kMaxTrackedFiles) return nullptr;
+    FileSlot& slot = sSlots[index];
+    FILE* fp = kl::platform::OpenMemoryStream(buffer, size, streamMode);
+    if (fp) {
+        slot.requestedPath = CopyText("");
+        slot.localPath = CopyText("");
+        slot.handler = kPlainRow;
+        slot.mode = streamMode[0];
+    }
+    klAtomicStore(&slot.fp, reinterpret_cast<uintptr_t>(fp));
+    return fp;
+}
+
+bool CreateDirectory(const char* path) {
+    return path && *path && kl::platform::MakeFolder(NativePath(path).Const());
+}
+
+bool EnsureTrailingSeparator(klString& path) {
+    if (path.IsEmpty()) return false;
+    const char separator = kl::platform::PathSeparator();
+    if (!IsSeparator(path.Const()[path.Size() - 1])) path.Append(&separator, 1);
+    return CreatePath(path.Const());
+}
+
+bool DeleteTree(const char* dir) {
+    if (!dir || !*dir) return false;
+    std::vector<klString> folders, files;
+    ListDirectory(dir, folders, files);
+    const klString base = NativePath(dir);
+    for (const klString& file : files)
+        kl::platform::UnlinkFile(CombinePath(base, file).Const());
+    for (const klString& folder : folders) {
+        const klString path = CombinePath(base, folder);
+        // A link to a folder goes like a file: what it points at is not part of this tree.
+        if (!kl::platform::UnlinkFile(path.Const())) DeleteTree(path.Const());
+    }
+    return kl::platform::RemoveFolder(base.Const());
+}
+
+bool CreateDirectoryTreeW(const wchar_t* path) {
+    if (!path || !*path) return false;
+    if (kl::platform::WidePathExists(path)) return true;
+    const size_t length = std::wcslen(path);
+    size_t cut = length; // just behind the last separator
+    while (cut > 0 && path[cut - 1] != L'\\' && path[cut - 1] != L'/')
+        --cut;
+    if (cut > 1) {
+        if (!CreateDirectoryTreeW(std::wstring(path, cut - 1).c_str())) return false;
+        if (cut == length) return true; // "parent/" names the parent itself
+    }
+    return kl::platform::MakeFolderW(path);
+}
+
+klString ToAsciiPath(const wchar_t* path, bool create) {
+    if (!path) return klString();
+    if (!kl::platform::WidePathExists(path) && !(create && CreateDirectoryTreeW(path))) {
+        klConsoleLogger().Error("Unable to convert path to Ascii: %s", PrintablePath(path).Const());
+        return klString();
+    }
+    bool ascii = true;
+    for (const wchar_t* p = path; *p; ++p)
+        ascii = ascii && static_cast<uint32_t>(*p) < 0x80;
+    klString narrow;
+    if (!kl::platform::NarrowPath(path, !ascii, &narrow)) {
+        klConsoleLogger().Error("Unable to create a short path name: %s", PrintablePath(path).Const());
+        narrow.clear();
+    }
+    return narrow;
+}
+
+bool CopyFile(const char* from, const char* to) {
+    uint64_t size = 0;
+    int64_t modified = 0;
+    if (!from || !to || !kl::platform::FileStatus(from, &size, &modified)) return false;
+    FILE* in = Open(from, "rb");
+    if (!in) return false;
+    FILE* out = Open(to, "wb");
+    const bool ok = out && CopyChunks(in, out, size);
+    if (out) Close(out);
+    Close(in);
+    return ok;
+}
+
+bool CopyStreamToFile(FILE* from, const char* to) {
+    if (!from || !to) return false;
+    const int64_t size = StreamSize(from);
+    if (size < 0) return false;
+    FILE* out = Open(to, "wb");
+    if (!out) return false;
+    const bool ok = CopyChunks(from, out, static_cast<uint64_t>(size));
+    Close(out);
+    return ok;
+}
+
+bool SafeCopy(const char* from, const char* to) {
+    if (!from || !to || !*to) return false;
+    FILE* in = Open(from, "rb");
+    if (!in) return false;
+    const int64_t size = StreamSize(in);
+    const uint32_t checksum = size < 0 ? 0 : Adler32(in, static_cast<uint64_t>(size));
+    bool copied = false;
+    // Copies onto flaky media (a share, a failing disk) may read back wrong now and then;
+    // ten tries tell such noise from a copy that can never succeed.
+    for (int attempt = 0; size >= 0 && !copied && attempt < 10; ++attempt)
+        copied = CopyVerified(in, size, checksum, to);
+    Close(in);
+    return copied;
+}
+
+int32_t NextFreeNumber(const char* prefix, const char* suffix) {
+    if (!prefix || !suffix) return -1;
+    auto exists = [&](uint32_t n) { return FileExists(klpf("%s%u%s", prefix, n, suffix)); };
+    // Doubling brackets the first gap in few searches; the bisection then trusts that the
+    // numbers in use run from 1 without holes, which is how this function hands them out.
+    uint32_t low = 0, high = 16;
+    for (uint32_t doublings = 0; exists(high);) {
+        low = high;
+        high *= 2;
+        if (++doublings == 32 || high == 0) return -1;
+    }
+    while (high - low > 1) {
+        const uint32_t mid = (low + high) / 2;
+        (exists(mid) ? low : high) = mid;
+    }
+    return static_cast<int32_t>(high);
+}
+
+FILE* MakeTempFile(char* templ) {
+    // Modulus 63 over 62 letters: index 62 picks the terminating zero and ends the name
+    // early. Kept so that a given counter value always makes the name it always made.
+    static const char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    if (!templ) return nullptr;
+    const size_t length = std::strlen(templ);
+    if (length < 6 || std::strcmp(templ + length - 6, "XXXXXX") != 0) return nullptr;
+    char* name = templ + length - 6;
+    const uint64_t seed = kl::platform::ProcessId() ^ kl::platform::Milliseconds();
+    uint64_t value = klXchgAdd(&sNameCounter, seed) + seed;
+    for (uint32_t attempt = 0; attempt < 32767; ++attempt) {
+        uint64_t v = value;
+        for (int i = 0; i < 6; ++i, v /= 63)
+            name[i] = kLetters[v % 63];
+        if (FILE* fp = kl::platform::CreateExclusiveFile(templ)) return fp;
+        // Another name cannot help when the folder itself is missing.
+        if (errno == ENOENT || errno == ENOTDIR) break;
+        value = klXchgAdd(&sNameCounter, uint64_t(7777)) + 7777;
+    }
+    templ[0] = 0;
+    return nullptr;
+}
+
+const klString& GetLocalAssetsDir() {
+    klString& local = LocalDir();
+    if (local.IsEmpty()) {
+        klString working;
+        GetCurrentDir(&working);
+        local = CombinePath(working, "localassets");
+        EnsureTrailingSeparator(local);
+    }
+    return local;
+}
+
+void SetNetworkCacheName(const char* name) { CacheName() = name ? name : ""; }
+
+klString NetworkCachePath(const char* url) {
+    if (!url) return klString();
+    // The URL's path starts at the first '/' behind "http://" and the host.
+    const char* urlPath = std::strlen(url) > 7 ? std::strchr(url + 7, '/') : nullptr;
+    if (!urlPath) urlPath = "";
+    if (!StaysInside(CacheName().Const()) || !StaysInside(urlPath)) return klString();
+    klString path = CombinePath(CanonicalPath(GetLocalAssetsDir()), "cache/network");
+    path = CombinePath(path, CacheName());
+    return CombinePath(path, urlPath);
 }
 
 void SetLogDir(const char* dir) {
     if (!dir || !*dir) return;
     klString& local = LocalDir();
     local = dir;
-    const char separator[2] = {kl::platform::PathSeparator(), 0};
-    if (!IsSeparator(local.Const()[local.Size() - 1])) local += separator;
-    CreatePath(local.Const());
+    EnsureTrailingSeparator(local);
     LogFile() = CombinePath(local, "console.log");
     if (kl::platform::IsDebuggerAttached()) {
         char announcement[1100];

@@ -16,6 +16,15 @@
 #include <cstdio>
 #include <vector>
 
+// <windows.h> maps these names to its own A/W functions; here they must stay this
+// layer's names in every translation unit, whichever header came first.
+#ifdef CopyFile
+#undef CopyFile
+#endif
+#ifdef CreateDirectory
+#undef CreateDirectory
+#endif
+
 namespace klFileSystem {
 
 // Streams open at once that the table tracks; further ones are opened untracked.
@@ -63,9 +72,50 @@ void DirectoryContents(const char* dir, const char* pattern, std::vector<klStrin
 // "." and ".." are left out.
 void ListDirectory(const char* dir, std::vector<klString>& folders, std::vector<klString>& files);
 
-// Creates the folder path and every folder above it that is missing. True when path is
-// a folder afterwards.
+// Creates every prefix of path that ends before a separator, left to right, then path
+// itself; the result is that of the last step (true when it was made or already exists).
 bool CreatePath(const char* path);
+// Streams over memory: a stream on the caller's size bytes; "+" read-write, 'r' read,
+// 'w' write; 'a', a size of 0 or a full table give null. Its paths are empty.
+FILE* OpenMemory(void* buffer, uint32_t size, const char* mode);
+
+// Folders.
+// Creates one folder; true when it was made or already exists.
+bool CreateDirectory(const char* path);
+// Appends the platform separator unless path ends with one, then creates it.
+bool EnsureTrailingSeparator(klString& path);
+// Removes dir with everything in it.
+bool DeleteTree(const char* dir);
+// Wide-character folders (names outside ASCII): creates path and its missing parents.
+bool CreateDirectoryTreeW(const wchar_t* path);
+// A narrow path for a wide one that the narrow file calls can open (the short form on
+// Windows when it holds non-ASCII characters); created first when create is set. Empty
+// on failure, which is logged.
+klString ToAsciiPath(const wchar_t* path, bool create);
+
+// Copies and names. False when a file cannot be opened or a write falls short.
+bool CopyFile(const char* from, const char* to);
+// Copies the whole of an open stream (from its start) to the file to; from stays open.
+bool CopyStreamToFile(FILE* from, const char* to);
+// Copies through a temporary file and checks the copy's Adler-32 before it replaces to.
+bool SafeCopy(const char* from, const char* to);
+// The smallest n for which prefix<n>suffix does not exist, assuming 1.. run without gaps;
+// -1 when none is found.
+int32_t NextFreeNumber(const char* prefix, const char* suffix);
+// Creates and opens ("w+b") a new file named templ with its trailing "XXXXXX" replaced
+// (templ is changed in place); null on failure.
+FILE* MakeTempFile(char* templ);
+
+// Well-known folders.
+// The local folder: SetLogDir's, else <working folder>/localassets/ (created).
+const klString& GetLocalAssetsDir();
+// The name of this program's own folder inside the network cache; null or "" clears it.
+void SetNetworkCacheName(const char* name);
+// Where the file for url is cached: <local folder>/cache/network/<cache name>/<url path>.
+// Empty when the URL's path would lead outside the cache folder: a ".." part (also
+// percent-encoded or between backslashes) or a ':'.
+klString NetworkCachePath(const char* url);
+
 // The working folder (in the platform's own separators); false when it cannot be read.
 bool GetCurrentDir(klString* dir);
 // Changes the working folder; false when dir is not a folder that can be entered.

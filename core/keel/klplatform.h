@@ -14,6 +14,9 @@ uint32_t CurrentThreadId();
 // A steady millisecond clock from an arbitrary start; it wraps at 2^32, so only the
 // unsigned difference of two readings means anything.
 uint32_t Milliseconds();
+// The system's high-resolution monotonic counter, and its ticks per second.
+int64_t PerformanceCounter();
+int64_t PerformanceFrequency();
 
 // Bytes the system heap really gave block p (at least what was asked for); 0 for null.
 size_t HeapUsableSize(void* p);

@@ -205,6 +205,8 @@ TEST_F(KlFileSystemFiles, ConcurrentOpenCloseLosesNoSlot) {
     std::vector<FILE*> tracked(256);
     for (FILE*& fp : tracked)
         EXPECT_TRUE(IsTracked(fp = klFileSystem::Open(path.c_str(), "rb")));
+    char memory[4];
+    EXPECT_EQ(nullptr, klFileSystem::OpenMemory(memory, 4, "r")); // memory streams need a slot
     EXPECT_EQ(0, klFileSystem::Close(tracked[100]));
     tracked[100] = klFileSystem::Open(path.c_str(), "rb"); // takes the freed slot
     EXPECT_TRUE(IsTracked(tracked[100]));
@@ -217,4 +219,179 @@ TEST_F(KlFileSystemFiles, ConcurrentOpenCloseLosesNoSlot) {
     for (FILE* fp : tracked)
         klFileSystem::Close(fp);
     EXPECT_EQ(EOF, klFileSystem::Close(nullptr));
+}
+
+TEST_F(KlFileSystemFiles, NumbersAndTemporaryNames) {
+    const std::string prefix = Path("log");
+    EXPECT_EQ(1, klFileSystem::NextFreeNumber(prefix.c_str(), ".txt"));
+    for (int n = 1; n <= 20; ++n)
+        Write("log" + std::to_string(n) + ".txt", "");
+    EXPECT_EQ(21, klFileSystem::NextFreeNumber(prefix.c_str(), ".txt"));
+    EXPECT_EQ(1, klFileSystem::NextFreeNumber(prefix.c_str(), ".dat"));
+
+    std::string names[2];
+    for (std::string& name : names) {
+        std::string templ = Path("tmpXXXXXX");
+        FILE* fp = klFileSystem::MakeTempFile(templ.data());
+        ASSERT_NE(nullptr, fp);
+        name = templ.c_str(); // a zero among the six ends the name early
+        EXPECT_EQ(0u, name.find(Path("tmp"))) << name;
+        EXPECT_EQ(std::string::npos, name.find('X')) << name;
+        EXPECT_LE(name.size(), templ.size());
+        EXPECT_EQ(3u, std::fwrite("abc", 1, 3, fp));
+        std::fclose(fp);
+        EXPECT_EQ(3u, fs::file_size(name));
+    }
+    EXPECT_NE(names[0], names[1]);
+
+    for (std::string bad : {std::string("XXXXX"), Path("fileXXXXXy"), Path("f")}) {
+        const std::string before = bad;
+        EXPECT_EQ(nullptr, klFileSystem::MakeTempFile(bad.data())) << before;
+        EXPECT_EQ(before, bad); // refused before anything is touched
+    }
+    std::string missing = Path("no/such/folderXXXXXX");
+    EXPECT_EQ(nullptr, klFileSystem::MakeTempFile(missing.data()));
+    EXPECT_EQ('\0', missing[0]);
+}
+
+TEST_F(KlFileSystemFiles, CopiesFoldersAndTrees) {
+    std::string bytes(10000, '\0'); // more than two copy chunks, every byte value
+    for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<char>(i * 7 + i / 256);
+    const std::string from = Write("from.bin", bytes);
+    auto read = [](const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    ASSERT_TRUE(klFileSystem::CopyFile(from.c_str(), Path("copy.bin").c_str()));
+    EXPECT_EQ(bytes, read(Path("copy.bin")));
+    Write("safe.bin", "old and longer than nothing");
+    ASSERT_TRUE(klFileSystem::SafeCopy(from.c_str(), Path("safe.bin").c_str()));
+    EXPECT_EQ(bytes, read(Path("safe.bin")));
+    FILE* stream = klFileSystem::Open(from.c_str(), "rb");
+    std::fgetc(stream); // copied from its start all the same
+    ASSERT_TRUE(klFileSystem::CopyStreamToFile(stream, Path("stream.bin").c_str()));
+    klFileSystem::Close(stream);
+    EXPECT_EQ(bytes, read(Path("stream.bin")));
+    EXPECT_FALSE(klFileSystem::CopyFile(Path("missing").c_str(), Path("x").c_str()));
+    EXPECT_FALSE(klFileSystem::SafeCopy(Path("missing").c_str(), Path("x").c_str()));
+    EXPECT_FALSE(klFileSystem::SafeCopy(from.c_str(), Path("nodir/x").c_str()));
+    EXPECT_FALSE(klFileSystem::CopyFile(from.c_str(), Path("nodir/x").c_str()));
+    std::vector<klString> left;
+    klFileSystem::DirectoryContents(mDir.string().c_str(), nullptr, left);
+    EXPECT_EQ((Strings{"copy.bin", "from.bin", "safe.bin", "stream.bin"}), Names(left)); // no temporaries
+
+    klString tree(Path("t").c_str());
+    ASSERT_TRUE(klFileSystem::EnsureTrailingSeparator(tree));
+    EXPECT_EQ(kl::platform::PathSeparator(), tree.Const()[tree.Size() - 1]);
+    ASSERT_TRUE(klFileSystem::CreatePath(Path("t/a\\b/c/").c_str()));
+    EXPECT_TRUE(klFileSystem::CreateDirectory(Path("t/a").c_str())); // already there
+    EXPECT_FALSE(klFileSystem::CreateDirectory(Path("from.bin/x").c_str()));
+    Write("t/a/b/c/f", "1");
+    Write("t/a/x", "2");
+    fs::create_directory(mDir / "outside");
+    Write("outside/keep", "3");
+#if !defined(_WIN32)
+    fs::create_directory_symlink(mDir / "outside", mDir / "t/a/link");
+#endif
+    EXPECT_TRUE(klFileSystem::DeleteTree(Path("t").c_str()));
+    EXPECT_FALSE(fs::exists(mDir / "t"));
+    EXPECT_TRUE(fs::exists(mDir / "outside/keep")); // a link's target is left alone
+    EXPECT_FALSE(klFileSystem::DeleteTree(Path("t").c_str()));
+}
+
+TEST(KlFileSystem, MemoryStreams) {
+    char buffer[16] = "0123456789";
+    FILE* fp = klFileSystem::OpenMemory(buffer, 10, "rb");
+    ASSERT_NE(nullptr, fp);
+    char out[11] = {};
+    EXPECT_EQ(10u, std::fread(out, 1, 10, fp));
+    EXPECT_STREQ("0123456789", out);
+    EXPECT_STREQ("", klFileSystem::OpenedPath(fp));
+    EXPECT_EQ(0, klFileSystem::Close(fp));
+
+    fp = klFileSystem::OpenMemory(buffer, 10, "wb");
+    ASSERT_NE(nullptr, fp);
+    EXPECT_EQ(5u, std::fwrite("hello", 1, 5, fp));
+    std::fflush(fp);
+    EXPECT_EQ(0, std::memcmp(buffer, "hello", 5));
+    EXPECT_EQ(0, klFileSystem::Close(fp));
+
+    fp = klFileSystem::OpenMemory(buffer, 10, "+");
+    ASSERT_NE(nullptr, fp);
+    EXPECT_EQ(3u, std::fwrite("abc", 1, 3, fp));
+    std::fseek(fp, 0, SEEK_SET);
+    EXPECT_EQ(4u, std::fread(out, 1, 4, fp));
+    EXPECT_EQ(0, std::memcmp(out, "abclo", 4));
+    EXPECT_EQ(0, klFileSystem::Close(fp));
+    EXPECT_EQ(nullptr, klFileSystem::OpenMemory(buffer, 10, "ab"));
+    EXPECT_EQ(nullptr, klFileSystem::OpenMemory(buffer, 10, "r+a"));
+    EXPECT_EQ(nullptr, klFileSystem::OpenMemory(buffer, 0, "r"));
+}
+
+TEST(KlFileSystem, LocalFolderAndNetworkCachePaths) {
+    // The default local folder is made in the working folder: a temporary one here.
+    const fs::path saved = fs::current_path();
+    const fs::path temp = fs::temp_directory_path() / ("klfs-cwd-" + std::to_string(std::random_device()()));
+    fs::create_directories(temp);
+    ASSERT_TRUE(klFileSystem::SetCurrentDir(temp.string().c_str()));
+    const klString& local = klFileSystem::GetLocalAssetsDir();
+    klString working;
+    ASSERT_TRUE(klFileSystem::GetCurrentDir(&working));
+    fs::current_path(saved);
+    const std::string sep(1, kl::platform::PathSeparator());
+    EXPECT_EQ(std::string(klFileSystem::CombinePath(working, "localassets")) + sep, local.Const());
+    EXPECT_TRUE(fs::is_directory(local.Const()));
+
+    const std::string cache = std::string(klFileSystem::CanonicalPath(local)) + "cache/network";
+    const char* const forms[][2] = {{"http://h:80/a/b.txt", "/a/b.txt"},
+                                    {"http://h", ""},
+                                    {"http://", ""},
+                                    {"http:///x", "/x"},
+                                    {"http://h/a..b/..c/.x", "/a..b/..c/.x"},
+                                    {"http://h/a//b?q=1", "/a//b?q=1"}};
+    for (const auto& [url, path] : forms)
+        EXPECT_EQ(cache + path, klFileSystem::NetworkCachePath(url).Const()) << url;
+    klFileSystem::SetNetworkCacheName("game");
+    EXPECT_EQ(cache + sep + "game/x", klFileSystem::NetworkCachePath("http://h/x").Const());
+    for (const char* url : {"http://h/../x", "http://h/a/..", "http://h/a/%2e%2E/x", "http://h/a%2f..%2Fx",
+                            "http://h/a\\..\\x", "http://h/.../x", "http://h/. ./x", "http://h/c:/x",
+                            "http://h/a%00b", "http://h/..%5cx"})
+        EXPECT_STREQ("", klFileSystem::NetworkCachePath(url)) << url;
+    klFileSystem::SetNetworkCacheName("../up");
+    EXPECT_STREQ("", klFileSystem::NetworkCachePath("http://h/x"));
+    klFileSystem::SetNetworkCacheName(nullptr);
+    EXPECT_EQ(cache + "/x", klFileSystem::NetworkCachePath("http://h/x").Const());
+    std::error_code ignored;
+    fs::remove_all(temp, ignored);
+}
+
+TEST_F(KlFileSystemFiles, WideFoldersBecomeNarrowPaths) {
+    const std::wstring base = mDir.wstring();
+    const std::wstring wide = base + L"/\u00dcn\u00efc\u00f8de/\u65e5\u672c/";
+    ASSERT_TRUE(klFileSystem::CreateDirectoryTreeW(wide.c_str()));
+    EXPECT_TRUE(klFileSystem::CreateDirectoryTreeW(wide.c_str())); // already there
+    const klString narrow = klFileSystem::ToAsciiPath(wide.c_str(), false);
+    ASSERT_FALSE(narrow.IsEmpty());
+#if defined(_WIN32)
+    EXPECT_TRUE(fs::is_directory(fs::path(wide)));
+    for (const char* p = narrow.Const(); *p; ++p)
+        EXPECT_GT(0x80, static_cast<unsigned char>(*p)) << narrow.Const();
+#else
+    EXPECT_EQ(mDir.string() + "/\xc3\x9cn\xc3\xaf" "c\xc3\xb8" "de/\xe6\x97\xa5\xe6\x9c\xac/", narrow.Const());
+#endif
+    const klString file = klFileSystem::CombinePath(narrow, "f.txt");
+    FILE* fp = klFileSystem::Open(file, "wb");
+    ASSERT_NE(nullptr, fp);
+    klFileSystem::Close(fp);
+    EXPECT_TRUE(klFileSystem::FileExists(file));
+
+    const std::wstring made = base + L"/new\u00e9/sub";
+    EXPECT_FALSE(klFileSystem::ToAsciiPath(made.c_str(), true).IsEmpty());
+    keeltest::CaptureLog log;
+    const std::wstring missing = base + L"/gone\u00e9";
+    EXPECT_TRUE(klFileSystem::ToAsciiPath(missing.c_str(), false).IsEmpty());
+    ASSERT_EQ(1u, log.Lines().size());
+    EXPECT_EQ(0u, log.Lines()[0].find("Unable to convert path to Ascii: ")) << log.Lines()[0];
+    EXPECT_EQ(klLogError, static_cast<int>(log.Levels()[0]));
 }

@@ -26,6 +26,14 @@ uint32_t Milliseconds() {
     return static_cast<uint32_t>(uint64_t(now.tv_sec) * 1000u + uint64_t(now.tv_nsec) / 1000000u);
 }
 
+int64_t PerformanceCounter() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+int64_t PerformanceFrequency() { return 1000000000; }
+
 size_t HeapUsableSize(void* p) { return p ? malloc_usable_size(p) : 0; }
 
 namespace {

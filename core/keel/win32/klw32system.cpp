@@ -14,6 +14,18 @@ uint32_t CurrentThreadId() { return GetCurrentThreadId(); }
 
 // The performance counter rather than timeGetTime: millisecond-exact without changing the
 // system timer's resolution, and no extra import library.
+int64_t PerformanceCounter() {
+    LARGE_INTEGER count;
+    QueryPerformanceCounter(&count);
+    return count.QuadPart;
+}
+
+int64_t PerformanceFrequency() {
+    LARGE_INTEGER frequency;
+    QueryPerformanceFrequency(&frequency);
+    return frequency.QuadPart;
+}
+
 uint32_t Milliseconds() {
     LARGE_INTEGER count, frequency;
     QueryPerformanceCounter(&count);

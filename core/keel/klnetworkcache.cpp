@@ -1,0 +1,117 @@
+#include "keel/klnetworkcache.h"
+
+#include "keel/klfilesystem.h"
+#include "keel/klhttpclient.h"
+#include "keel/klmalloc.h"
+#include "keel/klplatform.h"
+#include "keel/klthread.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+char* OwnedCopy(const klString& text) {
+    auto* copy = static_cast<char*>(klAlloc(text.Size() + 1));
+    std::memcpy(copy, text.Const(), text.Size() + 1);
+    return copy;
+}
+
+// Creates the folders that hold path (every prefix that ends before a separator).
+void CreateFoldersFor(const klString& path) {
+    int32_t cut = path.Size() - 1;
+    while (cut > 0 && path.Const()[cut] != '/' && path.Const()[cut] != '\\')
+        --cut;
+    if (cut > 0) klFileSystem::CreatePath(path.SubString(0, static_cast<uint32_t>(cut)).Const());
+}
+
+// Opens path, waiting while another writer or reader holds it; null after
+// kContentionTries.
+FILE* OpenContended(const klString& path, const char* mode) {
+    for (uint32_t attempt = 0; attempt < klNetworkCache::kContentionTries; ++attempt) {
+        if (FILE* fp = klFileSystem::Open(path.Const(), mode)) return fp;
+        std::printf("Contention Issue\n");
+        std::fflush(stdout);
+        klSleep(100);
+    }
+    return nullptr;
+}
+
+int32_t Head(klHTTPClient& client) {
+    klNullStream nothing;
+    return client.Request("HEAD", nullptr, &nothing);
+}
+
+// Whether the cached copy has the size and time the server last reported.
+bool IsCurrent(const klString& path, const klHTTPClient& client) {
+    uint64_t size = 0;
+    int64_t modified = 0;
+    return kl::platform::FileStatus(path.Const(), &size, &modified) &&
+           size == static_cast<uint64_t>(client.ContentLength()) && modified == client.LastModified();
+}
+
+// GETs the URL into the cache file; the status, or 400 when the file cannot be opened.
+int32_t Download(klHTTPClient& client, const klString& path) {
+    CreateFoldersFor(path);
+    FILE* fp = OpenContended(path, "wb");
+    if (!fp) return 400;
+    klFileStream file(fp);
+    const int32_t status = client.Request("GET", nullptr, &file);
+    file.Close();
+    // The server's time marks the copy as current; without one it is fetched again
+    // next time rather than trusted forever.
+    if (status >= 200 && status <= 299 && client.LastModified() != 0)
+        kl::platform::SetFileTimes(path.Const(), client.LastModified());
+    return status;
+}
+
+} // namespace
+
+namespace klNetworkCache {
+
+bool Fetch(const char* url, char** local) {
+    const klString path = klFileSystem::NetworkCachePath(url);
+    klHTTPClient client;
+    if (path.IsEmpty() || !client.SetURL(url)) return false;
+    const klString before(client.GetURL());
+    int32_t status = Head(client);
+    // A redirected file is not this URL's file, and must not be cached under its name.
+    if (status >= 400 || kl::platform::StrICmp(before.Const(), client.GetURL()) != 0) return false;
+    if (!IsCurrent(path, client)) {
+        for (uint32_t failed = 0; status < 400; status = Head(client)) {
+            status = Download(client, path);
+            if (status >= 200 && status <= 299) break;
+            // Every failed download counts, whatever its status, so the loop always ends.
+            if (++failed == kFailedDownloads) return false;
+        }
+        if (status >= 300) return false;
+    }
+    *local = OwnedCopy(path);
+    return true;
+}
+
+bool Prepare(const char* url, char** local) {
+    const klString path = klFileSystem::NetworkCachePath(url);
+    if (path.IsEmpty()) return false;
+    CreateFoldersFor(path);
+    *local = OwnedCopy(path);
+    return true;
+}
+
+void Upload(const char* url) {
+    const klString path = klFileSystem::NetworkCachePath(url);
+    klHTTPClient client;
+    if (path.IsEmpty() || !client.SetURL(url)) return;
+    FILE* fp = OpenContended(path, "rb");
+    if (!fp) return;
+    klFileStream file(fp);
+    klNullStream reply;
+    client.SetContentType("application/octet-stream");
+    for (uint32_t attempt = 0; attempt < kUploadTries; ++attempt) {
+        file.Seek(klSeekStart, 0);
+        const int32_t status = client.Request("PUT", &file, &reply);
+        if (status >= 200 && status < 300) return;
+    }
+}
+
+} // namespace klNetworkCache

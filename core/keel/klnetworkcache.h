@@ -1,0 +1,28 @@
+// The file layer's "http://" handlers: a URL opened through klFileSystem::Open is served
+// from its local copy under klFileSystem::NetworkCachePath, fetched from the server when
+// it is opened for reading or appending and sent back when a written copy is closed.
+#pragma once
+
+#include <cstdint>
+
+namespace klNetworkCache {
+
+// Tries to open a cache file that is busy elsewhere, 100 ms apart (5 s in all); then the
+// open or upload fails.
+constexpr uint32_t kContentionTries = 50;
+// Downloads that may fail before the open gives up.
+constexpr uint32_t kFailedDownloads = 3;
+// Sends of an upload that the server refuses before it is given up.
+constexpr uint32_t kUploadTries = 4;
+
+// Open for reading or appending: HEAD, then GET into the cache unless the cached copy
+// already has the server's size and modification time. *local receives the cache file
+// (klAlloc'ed). False for a refused URL, a failed request or a redirected one.
+bool Fetch(const char* url, char** local);
+// Open for writing: *local receives the cache file, whose folders are created; nothing
+// is sent.
+bool Prepare(const char* url, char** local);
+// Close after writing or appending: sends the cache file with PUT.
+void Upload(const char* url);
+
+} // namespace klNetworkCache

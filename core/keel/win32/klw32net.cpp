@@ -1,0 +1,76 @@
+// Winsock 2 behind klnetworkbuf.h.
+#include "keel/klnetworkbuf.h"
+
+#include <winsock2.h>
+
+namespace kl::net {
+
+bool Startup() {
+    WSADATA data;
+    return WSAStartup(MAKEWORD(2, 2), &data) == 0;
+}
+void Cleanup() { WSACleanup(); }
+
+// Winsock keeps gethostbyname's result per thread, so concurrent requests are safe.
+bool LookupHost(const char* name, uint32_t* address) {
+    const hostent* host = gethostbyname(name);
+    if (!host || host->h_addrtype != AF_INET || !host->h_addr_list[0]) return false;
+    *address = *reinterpret_cast<const u_long*>(host->h_addr_list[0]);
+    return true;
+}
+
+bool ParseDotted(const char* text, uint32_t* address) {
+    *address = inet_addr(text);
+    return *address != INADDR_NONE;
+}
+
+Socket OpenStream() {
+    const SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
+    return s == INVALID_SOCKET ? kInvalidSocket : Socket(s);
+}
+
+bool Connect(Socket s, uint32_t address, uint16_t port) {
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = address;
+    if (connect(SOCKET(s), reinterpret_cast<const sockaddr*>(&to), sizeof(to)) != 0) return false;
+    // Requests are written whole and flushed once: no reason to hold the last segment back.
+    const BOOL one = TRUE;
+    setsockopt(SOCKET(s), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&one), sizeof(one));
+    return true;
+}
+
+int32_t Send(Socket s, const char* data, int32_t count) { return send(SOCKET(s), data, count, 0); }
+int32_t Recv(Socket s, char* data, int32_t count) { return recv(SOCKET(s), data, count, 0); }
+
+int WaitReadable(Socket s, uint32_t ms) {
+    fd_set readable, failed;
+    FD_ZERO(&readable);
+    FD_ZERO(&failed);
+    FD_SET(SOCKET(s), &readable);
+    FD_SET(SOCKET(s), &failed);
+    timeval limit{long(ms / 1000), long(ms % 1000) * 1000};
+    const int rc = select(0, &readable, nullptr, &failed, &limit);
+    if (rc == 0) return 0;
+    if (rc < 0 || FD_ISSET(SOCKET(s), &failed)) return -1;
+    return FD_ISSET(SOCKET(s), &readable) ? 1 : -1;
+}
+
+bool IsWritable(Socket s) {
+    fd_set writable, failed;
+    FD_ZERO(&writable);
+    FD_ZERO(&failed);
+    FD_SET(SOCKET(s), &writable);
+    FD_SET(SOCKET(s), &failed);
+    timeval now{0, 0};
+    return select(0, nullptr, &writable, &failed, &now) > 0 && FD_ISSET(SOCKET(s), &writable) &&
+           !FD_ISSET(SOCKET(s), &failed);
+}
+
+void ShutdownAndClose(Socket s) {
+    shutdown(SOCKET(s), SD_BOTH);
+    closesocket(SOCKET(s));
+}
+
+} // namespace kl::net

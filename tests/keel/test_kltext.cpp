@@ -1,0 +1,154 @@
+#include "keel/kltext.h"
+
+#include "keel_test.h"
+
+#include <string>
+#include <vector>
+
+using keeltest::CaptureAsserts;
+using Exprs = std::vector<std::string>;
+
+TEST(KlText, IndexesWalkForwardFromTheCacheAndBackwardFromTheStart) {
+    klTextBuffer text("\xc3\xa9\xc3\xa8\xc3\xaa"); // three 2-byte characters
+    EXPECT_EQ(6u, text.ByteLength());
+    EXPECT_EQ(3u, text.CharLength());
+    EXPECT_EQ(4u, text.CharToByteIndex(2));
+    EXPECT_EQ(2u, text.ByteToCharIndex(4));
+    EXPECT_EQ(2u, text.CharToByteIndex(1)); // behind the cache: walks from the start again
+    EXPECT_EQ(6u, text.CharToByteIndex(3));
+
+    const std::string mixed = "a\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80z"; // 1, 2, 3, 4, 1 bytes
+    klTextBuffer m(mixed.c_str());
+    const uint32_t offsets[] = {0, 1, 3, 6, 10, 11};
+    for (uint32_t i = 0; i <= 5; ++i) EXPECT_EQ(offsets[i], m.CharToByteIndex(i)) << i;
+    for (uint32_t i = 5; i-- > 0;) EXPECT_EQ(offsets[i], m.CharToByteIndex(i)) << i;
+    for (uint32_t i = 0; i <= 5; ++i) EXPECT_EQ(i, m.ByteToCharIndex(offsets[i])) << i;
+
+    CaptureAsserts asserts;
+    EXPECT_EQ(0u, m.CharToByteIndex(6));
+    EXPECT_EQ(Exprs({"idx <= mCharLen", "false"}), asserts.Exprs());
+    EXPECT_EQ("index out of bounds", asserts.Reports()[1].message);
+    EXPECT_EQ("core/keel/kltext.cpp", asserts.Reports()[1].file);
+}
+
+TEST(KlText, InsertGrowsEraseClipsAndViewsRefuseChanges) {
+    klTextBuffer text;
+    text.Insert(0, "world", 5);
+    EXPECT_EQ(20u, text.Capacity()); // 6 rounded down to 4, plus 16
+    text.Insert(0, "hello ", 6);
+    text.InsertChar(5, 0x20AC);
+    text.InsertChar(12, 0x1F600);
+    EXPECT_STREQ("hello\xe2\x82\xac world\xf0\x9f\x98\x80", text.Bytes());
+    EXPECT_EQ(13u, text.CharLength());
+    EXPECT_EQ(20u, text.Capacity());
+    EXPECT_EQ(0u, text.Erase(4, 3));
+    EXPECT_STREQ("hellworld\xf0\x9f\x98\x80", text.Bytes());
+    EXPECT_EQ(0u, text.Erase(8, 100)); // clipped to the end
+    EXPECT_STREQ("hellworl", text.Bytes());
+    EXPECT_EQ(8u, text.Erase(8, 1));   // at the end: nothing removed
+    EXPECT_EQ(8u, text.CharLength());
+    text.Clear();
+    EXPECT_EQ(0u, text.ByteLength());
+    EXPECT_EQ(20u, text.Capacity());
+
+    const char foreign[] = "read only";
+    klTextBuffer view = klTextBuffer::View(foreign, 9);
+    CaptureAsserts asserts;
+    view.Set("x", 1);
+    view.SetDecoded("x");
+    view.Insert(0, "x", 1);
+    view.Erase(0, 1);
+    view.Clear();
+    EXPECT_EQ(Exprs(5, "!mSlave"), asserts.Exprs());
+    EXPECT_STREQ("read only", view.Bytes());
+    EXPECT_EQ(9u, view.CharLength());
+    klTextBuffer copy = view; // a copy owns its bytes and may change
+    copy.Erase(0, 5);
+    EXPECT_STREQ("only", copy.Bytes());
+    EXPECT_EQ(5u, asserts.Exprs().size());
+}
+
+TEST(KlText, DecodeCharRoundTripsEveryCodePointAndRefusesBrokenSequences) {
+    char bytes[8] = {};
+    uint32_t length = 99;
+    for (uint32_t cp = 0; cp <= 0x10FFFF; ++cp) {
+        const uint32_t encoded = klTextBuffer::EncodeChar(cp, bytes);
+        bytes[encoded] = 0;
+        if (klTextBuffer::DecodeChar(bytes, &length) != int32_t(cp) || length != encoded) {
+            ADD_FAILURE() << "code point " << cp;
+            break;
+        }
+    }
+    EXPECT_EQ(0u, klTextBuffer::EncodeChar(0x110000, bytes));
+    EXPECT_EQ(0x4000000, klTextBuffer::DecodeChar("\xfc\x84\x80\x80\x80\x80", &length)); // 6 bytes
+    EXPECT_EQ(6u, length);
+    for (const char* bad : {"\x80", "\xbf", "\xfe", "\xff", "\xc3", "\xe2\x82", "\xe2\x28\xa1", "\xf0\x9f\x98"}) {
+        EXPECT_EQ(-1, klTextBuffer::DecodeChar(bad, &length)) << bad;
+        EXPECT_EQ(0u, length);
+    }
+    EXPECT_EQ(-1, klTextBuffer::DecodeChar(nullptr, &length));
+    CaptureAsserts asserts;
+    EXPECT_EQ(-1, klTextBuffer::DecodeChar("a", nullptr));
+    EXPECT_EQ(Exprs({"len_out != NULL"}), asserts.Exprs());
+}
+
+TEST(KlText, SetDecodedEntitiesAndCaseInsensitiveFind) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"a&amp;b", "a&b"},         {"x&lt;y&gt;&apos;", "xy"},  {"&#169;", "\xc2\xa9"},
+        {"a & b; c", "a & b; c"},   {"&AMP;&quot;&nbsp;&;", "&\" "},
+        {"&copy;&reg;&tm;", "\xef\x9b\x99\xef\x9b\x9a\xef\x9b\x9b"},
+        {"&#128512;&#x41;&#1114112;", "\xf0\x9f\x98\x80"},  {"tail &amp", "tail &amp"},
+    };
+    for (const auto& [input, expected] : cases) {
+        klTextBuffer text;
+        text.SetDecoded(input);
+        EXPECT_STREQ(expected, text.Bytes()) << input;
+        EXPECT_EQ(std::string(expected).size(), text.ByteLength()) << input;
+        EXPECT_EQ(text.ByteLength() + 1, text.Capacity()) << input; // sized exactly
+    }
+
+    klTextBuffer hay("x\xc3\xa9xaabcAaB\xc3\x89");
+    EXPECT_EQ(4, hay.Find(klTextBuffer("ABC"), 0, false));
+    EXPECT_EQ(-1, hay.Find(klTextBuffer("ABC"), 0, true));
+    EXPECT_EQ(3, hay.Find(klTextBuffer("aab"), 1, true));
+    EXPECT_EQ(7, hay.Find(klTextBuffer("aab"), 4, false));
+    EXPECT_EQ(1, klTextBuffer("aaab").Find(klTextBuffer("aab"), 0, true)); // inside a failed partial match
+    EXPECT_EQ(-1, hay.Find(klTextBuffer("\xc3\xa9"), 2, false)); // É is not folded to é
+    EXPECT_EQ(9, hay.Find(klTextBuffer("b\xc3\x89"), 0, false));
+}
+
+TEST(KlText, WideConversionsRoundTripAndRespectTheirLimits) {
+    std::string all;
+    char bytes[4];
+    for (uint32_t cp = 1; cp <= 0x10FFFF; cp += (cp < 0x800 ? 1 : 97))
+        if (cp < 0xD800 || cp > 0xDFFF) all.append(bytes, klTextBuffer::EncodeChar(cp, bytes));
+    std::vector<klWideChar> wide(all.size() + 1);
+    ASSERT_TRUE(Utf8ToWide(all.c_str(), wide.data(), uint32_t(wide.size())));
+    EXPECT_EQ(all, std::string(WideToUtf8String(wide.data())));
+    std::vector<char> back(all.size() + 1);
+    ASSERT_TRUE(WideToUtf8(wide.data(), back.data(), uint32_t(back.size())));
+    EXPECT_EQ(all, std::string(back.data()));
+    EXPECT_FALSE(WideToUtf8(wide.data(), back.data(), uint32_t(all.size()))); // one byte short
+
+    klWideChar out[4] = {'x', 'x', 'x', 'x'};
+    EXPECT_TRUE(Utf8ToWide("abc", out, 1));
+    EXPECT_EQ(0, out[0]);
+    EXPECT_EQ(klWideChar('x'), out[1]);
+    EXPECT_FALSE(Utf8ToWide("abcd", out, 4));
+    EXPECT_TRUE(Utf8ToWide("\xf0\x9f\x98\x80", out, 4)); // one surrogate pair
+    EXPECT_EQ(0xD83D, int(out[0]));
+    EXPECT_EQ(0xDE00, int(out[1]));
+    EXPECT_EQ(0, out[2]);
+    EXPECT_TRUE(HasNonAscii(out));
+    EXPECT_TRUE(Utf8ToWide("a\xff", out, 4));
+    EXPECT_EQ(0xFFFD, int(out[1]));
+    EXPECT_TRUE(Utf8ToWide("abc", out, 4));
+    EXPECT_FALSE(HasNonAscii(out));
+    EXPECT_FALSE(Utf8ToWide(nullptr, out, 4));
+    EXPECT_FALSE(Utf8ToWide("a", nullptr, 4));
+    EXPECT_FALSE(Utf8ToWide("a", out, 0));
+    EXPECT_TRUE(Utf8ToWide("", out, 4));
+    const klWideChar lone[] = {'a', 0xD800, 'b', 0};
+    EXPECT_STREQ("a\xef\xbf\xbd" "b", WideToUtf8String(lone));
+    EXPECT_TRUE(WideToUtf8String(nullptr).IsEmpty());
+}

@@ -1,0 +1,347 @@
+// klHTTPClient against a private nginx and the scripted fault server, plus its parsers.
+#include "keel/klhashfunc.h"
+#include "keel/klhttpclient.h"
+#include "keel/kllifetime.h"
+#include "keel/klsystem.h"
+#include "servers.h"
+#include "../keel/keel_test.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <set>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+struct KeelRunning : testing::Environment {
+    void SetUp() override { klObjectLifetimeManager::Initialize(); }
+    void TearDown() override { klObjectLifetimeManager::Shutdown(); }
+};
+testing::Environment* const g_keel = testing::AddGlobalTestEnvironment(new KeelRunning);
+
+// A growable response or request body.
+class StringStream : public klStream {
+public:
+    explicit StringStream(std::string text = "") : data(std::move(text)) {}
+    uint32_t Write(const void* bytes, uint32_t count) override {
+        if (data.size() < pos + count) data.resize(pos + count);
+        std::memcpy(&data[pos], bytes, count);
+        pos += count;
+        return count;
+    }
+    uint32_t Read(void* bytes, uint32_t count) override {
+        const uint32_t n = pos >= data.size() ? 0 : uint32_t(std::min<size_t>(count, data.size() - pos));
+        std::memcpy(bytes, data.data() + pos, n);
+        pos += n;
+        return n;
+    }
+    void Seek(int origin, int32_t offset) override {
+        pos = uint32_t(origin == klSeekEnd ? data.size() + offset : origin == klSeekCurrent ? pos + offset : offset);
+    }
+    void Reserve(uint32_t) override {}
+    uint32_t Tell() override { return pos; }
+    std::string data;
+    uint32_t pos = 0;
+};
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+size_t Count(const std::string& text, const std::string& needle) {
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+    return n;
+}
+
+std::string Pattern(size_t n) {
+    std::string bytes(n, '\0');
+    for (size_t i = 0; i < n; ++i) bytes[i] = char(((uint64_t(i) * 2654435761u) >> 13) & 0xFF);
+    return bytes;
+}
+
+std::string MD5(const std::string& bytes) {
+    klHashMD5 md5;
+    md5.Update(bytes.data(), uint32_t(bytes.size()));
+    const klMD5Digest digest = md5.Finish();
+    return std::string(reinterpret_cast<const char*>(digest.mBytes), 16);
+}
+
+// ---------------------------------------------------------------------------------------
+// Without a server
+
+TEST(klHTTPClient, SplitsURLs) {
+    klHTTPClient client;
+    EXPECT_TRUE(client.SetURL("http://Example.com:8080/a/b?c=d"));
+    EXPECT_STREQ(client.Host(), "Example.com");
+    EXPECT_EQ(client.Port(), 8080u);
+    EXPECT_STREQ(client.Path(), "/a/b?c=d");
+    EXPECT_TRUE(client.SetURL("HTTP://host"));
+    EXPECT_STREQ(client.Path(), "/");
+    EXPECT_EQ(client.Port(), 80u);
+    EXPECT_TRUE(client.SetURL("host/x"));
+    EXPECT_STREQ(client.GetURL(), "host/x");
+    for (const char* bad : {"https://host/", "ftp://h/x", "", "http://", "http:///x", "h:0/", "h:65536/",
+                            "h:12a/", "h:/", "a b/", "h/a b", "h/x\r\nX: y"})
+        EXPECT_FALSE(client.SetURL(bad)) << bad;
+    EXPECT_STREQ(client.GetURL(), "host/x"); // refused texts change nothing
+    EXPECT_FALSE(client.SetURL(("h/" + std::string(1022, 'p')).c_str()));
+}
+
+TEST(klHTTPClient, ParsesTheThreeDateForms) {
+    EXPECT_EQ(klParseHTTPDate("Sun, 06 Nov 1994 08:49:37 GMT"), 784111777);
+    EXPECT_EQ(klParseHTTPDate("Sunday, 06-Nov-94 08:49:37 GMT"), 784111777);
+    EXPECT_EQ(klParseHTTPDate("Sun Nov  6 08:49:37 1994"), 784111777);
+    EXPECT_EQ(klParseHTTPDate("Thu, 29 Feb 2024 23:59:59 GMT"), 1709251199);
+    EXPECT_EQ(klParseHTTPDate("Thu, 01 Jan 1970 00:00:00 GMT"), 0);
+    for (const char* bad : {"", "yesterday", "Sun, 06 Foo 1994 08:49:37 GMT", "Sun, 32 Nov 1994 08:49:37 GMT",
+                            "Sun, 06 Nov 1994 25:49:37 GMT"})
+        EXPECT_EQ(klParseHTTPDate(bad), 0) << bad;
+}
+
+TEST(klHTTPClient, ReadsResponseHeads) {
+    std::stringbuf in("HTTP/1.1 301 Moved\r\nX-Long: " + std::string(5000, 'a') +
+                      "\r\nContent-Length: 12\r\nLast-Modified: Sun, 06 Nov 1994 08:49:37 GMT and more\r\n"
+                      "Date: Sun, 06 Nov 1994 08:49:38 GMT\r\nLocation: /next\r\n\r\nbody");
+    klHTTPResponseHead head;
+    ASSERT_TRUE(klReadHTTPResponseHead(&in, &head));
+    EXPECT_EQ(head.status, 301);
+    EXPECT_EQ(head.contentLength, 12);
+    EXPECT_STREQ(head.lastModified, "Sun, 06 Nov 1994 08:49:37 GMT"); // 29 characters kept
+    EXPECT_EQ(head.date, 784111778);
+    EXPECT_TRUE(head.hasLocation);
+    EXPECT_STREQ(head.location, "/next");
+    EXPECT_EQ(in.sgetc(), 'b'); // stops right after the empty line
+
+    std::stringbuf cut("HTTP/1.0 301 X\nLocation: " + std::string(3000, 'x') + "\n\n");
+    klHTTPResponseHead cutHead;
+    ASSERT_TRUE(klReadHTTPResponseHead(&cut, &cutHead));
+    EXPECT_TRUE(cutHead.locationCut);
+    EXPECT_EQ(std::strlen(cutHead.location), 1013u);
+
+    std::stringbuf other("HTTP/1.0 200 OK\nLocation: /x\nContent-Length: -5\n"); // no end of head
+    klHTTPResponseHead otherHead;
+    EXPECT_FALSE(klReadHTTPResponseHead(&other, &otherHead));
+    EXPECT_FALSE(otherHead.hasLocation); // only read while the status is 301
+    EXPECT_EQ(otherHead.contentLength, 0);
+}
+
+TEST(klHTTPClient, GuardsItsArguments) {
+    klHTTPClient client;
+    StringStream out;
+    EXPECT_EQ(client.Request("GET", nullptr, &out), 400); // no URL yet: nothing sent
+    keeltest::CaptureAsserts asserts;
+    EXPECT_EQ(client.Request("GET", nullptr, nullptr), 400);
+    client.Request("GET", nullptr, &out, -1);
+    ASSERT_EQ(asserts.Reports().size(), 2u);
+    EXPECT_EQ(asserts.Reports()[0].expr, "response != NULL");
+    EXPECT_EQ(asserts.Reports()[1].expr, "maxredirects >= 0");
+    EXPECT_EQ(asserts.Reports()[0].file, "core/keel/klhttpclient.cpp");
+}
+
+TEST(klHTTPClient, UnreachableHostsEndAt400) {
+    klHTTPClient client;
+    StringStream out;
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(client.SetURL(("http://127.0.0.1:" + std::to_string(keelnet::UnusedPort()) + "/").c_str()));
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(client.Request("GET", nullptr, &out), 400);
+    ASSERT_TRUE(client.SetURL("http://nonexistent.invalid/x"));
+    EXPECT_EQ(client.Request("GET", nullptr, &out), 400);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Error: Could not connect to host at 127.0.0.1.\nError: Could not connect to host at nonexistent.invalid.\n");
+    EXPECT_LT(SecondsSince(start), 20.0);
+}
+
+// ---------------------------------------------------------------------------------------
+// nginx
+
+class klHTTPClientNginx : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!keelnet::StartNginx(&server)) GTEST_SKIP() << "nginx is not installed or did not start";
+        body = Pattern(100000);
+        ASSERT_TRUE(keelnet::WriteServerFile(server, "data.bin", body));
+        ASSERT_TRUE(keelnet::WriteServerFile(server, "chain.txt", "end of chain"));
+    }
+    int32_t Get(const char* path, int32_t redirects = 5, int64_t first = 0, int64_t last = -1,
+                const char* method = "GET") {
+        out = StringStream();
+        EXPECT_TRUE(client.SetURL(server.Url(path).c_str()));
+        return client.Request(method, nullptr, &out, redirects, first, last);
+    }
+    keelnet::TestServer server;
+    klHTTPClient client;
+    StringStream out;
+    std::string body;
+};
+
+TEST_F(klHTTPClientNginx, GetHeadAndRanges) {
+    EXPECT_EQ(Get("/data.bin"), 200);
+    EXPECT_EQ(out.data, body);
+    EXPECT_EQ(client.ContentLength(), 100000);
+    EXPECT_GT(client.LastModified(), 0);
+    EXPECT_LE(std::abs(client.Date() - (int64_t)std::time(nullptr)), 60);
+
+    EXPECT_EQ(Get("/data.bin", 5, 0, -1, "HEAD"), 200);
+    EXPECT_EQ(client.ContentLength(), 100000);
+    EXPECT_EQ(out.data, "");
+
+    EXPECT_EQ(Get("/data.bin", 5, 10, 19), 206);
+    EXPECT_EQ(out.data, body.substr(10, 10));
+    EXPECT_EQ(Get("/data.bin", 5, 99990), 206); // open range
+    EXPECT_EQ(out.data, body.substr(99990));
+    EXPECT_EQ(Get("/missing"), 404);
+
+    // Every request above went over one kept-alive connection.
+    const std::string log = server.AccessLog();
+    EXPECT_EQ(Count(log, "GET /data.bin") + Count(log, "HEAD /data.bin"), 4u);
+    std::istringstream lines(log);
+    std::set<std::string> connections;
+    for (std::string line; std::getline(lines, line);) connections.insert(line.substr(0, line.find(' ')));
+    EXPECT_EQ(connections.size(), 1u) << log;
+}
+
+TEST_F(klHTTPClientNginx, FollowsOnly301AndOnlyToTheLimit) {
+    EXPECT_EQ(Get("/chain/0", 3), 301);
+    EXPECT_EQ(Count(server.AccessLog(), "GET /chain/"), 4u); // the limit plus one
+    EXPECT_EQ(std::string(client.GetURL()), server.Url("/chain/4"));
+
+    EXPECT_EQ(Get("/chain/0", 11), 200);
+    EXPECT_EQ(out.data, "end of chain");
+    EXPECT_EQ(std::string(client.GetURL()), server.Url("/chain.txt"));
+
+    EXPECT_EQ(Get("/found"), 302);
+    EXPECT_EQ(std::string(client.GetURL()), server.Url("/found"));
+    EXPECT_EQ(Count(server.AccessLog(), "GET /chain.txt"), 1u);
+}
+
+TEST_F(klHTTPClientNginx, PutsABody) {
+    StringStream upload(Pattern(70000));
+    upload.Seek(klSeekStart, 123); // measured from its end, sent from its start
+    client.SetContentType("application/octet-stream");
+    ASSERT_TRUE(client.SetURL(server.Url("/up/file.bin").c_str()));
+    EXPECT_EQ(client.Request("PUT", &upload, &out), 201);
+    EXPECT_EQ(keelnet::ReadWholeFile(server.root + "/up/file.bin"), upload.data);
+    EXPECT_EQ(Get("/up/file.bin"), 200);
+    EXPECT_EQ(out.data, upload.data);
+}
+
+TEST_F(klHTTPClientNginx, ConcurrentClientsShareThePool) {
+    constexpr int kThreads = 6, kRequests = 20;
+    std::atomic<int> good{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&] {
+            klHTTPClient mine;
+            mine.SetURL(server.Url("/data.bin").c_str());
+            for (int i = 0; i < kRequests; ++i) {
+                StringStream sink;
+                if (mine.Request("GET", nullptr, &sink, 5, i, i + 99) == 206 && sink.data == body.substr(i, 100))
+                    ++good;
+            }
+        });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(good.load(), kThreads * kRequests);
+    std::istringstream lines(server.AccessLog());
+    std::set<std::string> connections;
+    for (std::string line; std::getline(lines, line);) connections.insert(line.substr(0, line.find(' ')));
+    EXPECT_LE(connections.size(), size_t(kThreads)); // connections are reused, never shared
+}
+
+// ---------------------------------------------------------------------------------------
+// The fault server
+
+class klHTTPClientFaults : public testing::Test {
+protected:
+    int32_t Run(const char* scenario, int64_t first = 0, int64_t last = -1) {
+        if (!keelnet::StartFaultServer(&server, scenario)) return -1;
+        EXPECT_TRUE(client.SetURL(server.Url("/file").c_str()));
+        start = std::chrono::steady_clock::now();
+        return client.Request("GET", nullptr, &out, 5, first, last);
+    }
+    keelnet::TestServer server;
+    klHTTPClient client;
+    StringStream out;
+    std::chrono::steady_clock::time_point start;
+};
+
+#define RUN_OR_SKIP(status, ...)                                                  \
+    const int32_t status = Run(__VA_ARGS__);                                      \
+    if (status == -1) GTEST_SKIP() << "python3 is not installed or did not start"
+
+TEST_F(klHTTPClientFaults, WritesTheRequestAsDocumented) {
+    client.SetCookie("id=42");
+    RUN_OR_SKIP(status, "basic");
+    EXPECT_EQ(status, 200);
+    EXPECT_EQ(out.data, "hello");
+    EXPECT_EQ(client.LastModified(), 784111777);
+    EXPECT_EQ(client.Date(), 784111777);
+    if (server.requests.empty()) return; // the wine fixture's server keeps no log
+    EXPECT_EQ(server.RequestLog(), std::string("GET /file HTTP/1.0\nAccept: */*\nAccept-Language: en-us\n") +
+                                       "User-Agent: klHTTPClient/1.0 (" + klOperatingSystemDescription().Const() +
+                                       ")\nHost: 127.0.0.1\nConnection: Keep-Alive\nCookie=id=42\n\n");
+}
+
+TEST_F(klHTTPClientFaults, ResumesABrokenBodyByteForByte) {
+    RUN_OR_SKIP(status, "midclose");
+    EXPECT_EQ(status, 206);
+    EXPECT_EQ(out.data.size(), 300000u);
+    EXPECT_TRUE(MD5(out.data) == MD5(Pattern(300000)));
+    const std::string log = server.RequestLog();
+    EXPECT_EQ(Count(log, "GET /file HTTP/1.0\n"), 3u);
+    EXPECT_EQ(Count(log, "Range: bytes=100000-\nIf-Range: Sun, 06 Nov 1994 08:49:37 GMT\n\n"), 1u);
+    EXPECT_EQ(Count(log, "Range: bytes=200000-\nIf-Range: Sun, 06 Nov 1994 08:49:37 GMT\n\n"), 1u);
+}
+
+TEST_F(klHTTPClientFaults, MoreBytesThanTheRangeCloseTheConnection) {
+    RUN_OR_SKIP(status, "overrange", 0, 99);
+    EXPECT_EQ(status, 206);
+    EXPECT_EQ(out.data, "");
+    EXPECT_LT(SecondsSince(start), 1.5);
+    EXPECT_EQ(Count(server.RequestLog(), "Range: bytes=0-99\n"), 1u);
+}
+
+TEST_F(klHTTPClientFaults, ASilentServerIsAskedAgainAfterTwoSeconds) {
+    RUN_OR_SKIP(status, "silentonce");
+    EXPECT_EQ(status, 200);
+    EXPECT_EQ(out.data, "hello");
+    EXPECT_GE(SecondsSince(start), 1.9);
+    EXPECT_LT(SecondsSince(start), 6.0);
+}
+
+TEST_F(klHTTPClientFaults, SkipsAHugeHeaderLine) {
+    RUN_OR_SKIP(status, "longheader");
+    EXPECT_EQ(status, 200);
+    EXPECT_EQ(out.data, "hello");
+}
+
+TEST_F(klHTTPClientFaults, RefusesAnOverlongLocation) {
+    testing::internal::CaptureStdout();
+    const int32_t status = Run("longlocation");
+    const std::string printed = testing::internal::GetCapturedStdout();
+    if (status == -1) GTEST_SKIP() << "python3 is not installed or did not start";
+    EXPECT_EQ(status, 404);
+    EXPECT_EQ(printed.rfind("Error: Could not parse: http://127.0.0.1:", 0), 0u) << printed;
+    EXPECT_EQ(Count(server.RequestLog(), "GET "), 1u);
+}
+
+TEST_F(klHTTPClientFaults, GarbageStatusLineIs400) {
+    RUN_OR_SKIP(status, "garbage");
+    EXPECT_EQ(status, 400);
+    EXPECT_EQ(out.data, "");
+}
+
+TEST_F(klHTTPClientFaults, GivesUpAfterFiveAttemptsThatBringNothing) {
+    RUN_OR_SKIP(status, "dropbody");
+    EXPECT_EQ(status, 200);
+    EXPECT_EQ(out.data, "");
+    EXPECT_EQ(Count(server.RequestLog(), "GET /file HTTP/1.0\n"), 5u);
+    EXPECT_LT(SecondsSince(start), 3.0);
+}
+
+} // namespace
