@@ -55,6 +55,28 @@ uint32_t ParseUInt(const char* text) {
     return static_cast<uint32_t>(value);
 }
 
+// A cvar name lower-cased on the stack (on the tracked heap only when it is long), so a
+// set by name makes no string unless it creates the cvar.
+class FoldedName {
+public:
+    explicit FoldedName(const char* name) : mLength(std::strlen(name)) {
+        mText = mLength < sizeof(mShort) ? mShort : static_cast<char*>(klAlloc(mLength + 1));
+        for (size_t i = 0; i <= mLength; ++i)
+            mText[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(name[i])));
+    }
+    ~FoldedName() {
+        if (mText != mShort) klFree(mText);
+    }
+    FoldedName(const FoldedName&) = delete;
+    FoldedName& operator=(const FoldedName&) = delete;
+    std::string_view View() const { return {mText, mLength}; }
+
+private:
+    size_t mLength;
+    char* mText;
+    char mShort[96];
+};
+
 // Runs read on the record under the cvar lock while the console lives; without a console
 // there is no other thread that could set it.
 template <class Read> auto ReadLocked(const klCvar& record, Read read) {
@@ -122,27 +144,27 @@ klConsole* klConsole::Live() {
     return klSingleton<klConsole>::IsLive() ? klSingleton<klConsole>::Instance() : nullptr;
 }
 
-klCvar* klConsole::Lookup(const klLCaseString& key) const {
+klCvar* klConsole::Lookup(std::string_view key) const {
     const auto found = mVars.find(key);
     return found == mVars.end() ? nullptr : found->second;
 }
 
-klCvar* klConsole::Insert(const klLCaseString& key) {
+klCvar* klConsole::Insert(std::string_view key) {
     klCvar* record = new klCvar();
-    mVars.emplace(key, record);
+    mVars.emplace(klLCaseString(klString(key.data(), uint32_t(key.size()))), record);
     return record;
 }
 
 void klConsole::Set(const char* name, const char* value) {
     if (!klAssert(name != NULL) || !ValueGiven(value)) return;
     klScopedLock<klMutex> hold(mLock);
-    const klLCaseString key(name);
-    klCvar* record = Lookup(key);
+    const FoldedName key(name);
+    klCvar* record = Lookup(key.View());
     if (record) {
         klConsoleLogger().Debug("Updating cvar %s = %s", name, value);
     } else {
         klConsoleLogger().Debug("Manually creating cvar %s = %s", name, value);
-        record = Insert(key);
+        record = Insert(key.View());
     }
     record->Set(value);
 }
@@ -150,15 +172,15 @@ void klConsole::Set(const char* name, const char* value) {
 klCvar* klConsole::Find(const char* name) {
     if (!klAssert(name != NULL)) return nullptr;
     klScopedLock<klMutex> hold(mLock);
-    return Lookup(klLCaseString(name));
+    return Lookup(FoldedName(name).View());
 }
 
 klCvar* klConsole::FindOrCreate(const char* name) {
     if (!klAssert(name != NULL)) return nullptr;
     klScopedLock<klMutex> hold(mLock);
-    const klLCaseString key(name);
-    klCvar* record = Lookup(key);
-    return record ? record : Insert(key);
+    const FoldedName key(name);
+    klCvar* record = Lookup(key.View());
+    return record ? record : Insert(key.View());
 }
 
 bool klSetCvar(const char* name, const char* value) {

@@ -22,6 +22,7 @@
 #include "keel/klstring.h"
 
 #include <cstdint>
+#include <string_view>
 #include <unordered_map>
 
 // One cvar's value. Only the console creates records, under its lock, and none is ever freed.
@@ -88,15 +89,24 @@ public:
     static bool sStartupProcessed;
 
 private:
-    // Both need the lock held.
-    klCvar* Lookup(const klLCaseString& key) const;
-    klCvar* Insert(const klLCaseString& key);
+    // Both take a lower-cased name and need the lock held.
+    klCvar* Lookup(std::string_view key) const;
+    klCvar* Insert(std::string_view key);
 
-    // Hashed: a set by name is one hash and one comparison, not a walk down a tree.
+    // Hashed: a set by name is one hash and one comparison, not a walk down a tree. Both
+    // functors also take a plain view, so a lookup needs no string of its own.
     struct KeyHash {
+        using is_transparent = void;
+        size_t operator()(std::string_view key) const { return klHashBytes32(key.data(), uint32_t(key.size())); }
         size_t operator()(const klLCaseString& key) const { return klHashBytes32(key.Const(), key.Size()); }
     };
-    std::unordered_map<klLCaseString, klCvar*, KeyHash> mVars;
+    struct KeyEqual {
+        using is_transparent = void;
+        static std::string_view View(const klLCaseString& key) { return {key.Const(), key.Size()}; }
+        static std::string_view View(std::string_view key) { return key; }
+        template <class A, class B> bool operator()(const A& a, const B& b) const { return View(a) == View(b); }
+    };
+    std::unordered_map<klLCaseString, klCvar*, KeyHash, KeyEqual> mVars;
     klMutex mLock{"(klConsole)cvarLock"};
 };
 

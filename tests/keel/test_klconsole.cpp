@@ -52,6 +52,17 @@ bool InsideRecord(const klCvar* record) {
     return text >= base && text < base + sizeof(klCvar);
 }
 
+// The self-checking values of the concurrent test below.
+std::string Pattern(uint32_t k) {
+    return std::to_string(k) + ":" + std::string(10 + (k % 7) * 40, static_cast<char>('a' + k % 26));
+}
+
+bool WellFormed(const char* text, uint32_t* k) {
+    char* end = nullptr;
+    *k = static_cast<uint32_t>(std::strtoul(text, &end, 10));
+    return end != text && Pattern(*k) == text;
+}
+
 } // namespace
 
 TEST(Console, TextStaysInsideUpTo127Characters) {
@@ -181,20 +192,6 @@ TEST(ConsoleDeathTest, ShutdownKeepsRecordsAndRefusesSets) {
 
 // Writers store self-checking values (a number, then a length and letter derived from it)
 // whose sizes cross the in-record limit; readers must never see a mix of two values.
-namespace {
-
-std::string Pattern(uint32_t k) {
-    return std::to_string(k) + ":" + std::string(10 + (k % 7) * 40, static_cast<char>('a' + k % 26));
-}
-
-bool WellFormed(const char* text, uint32_t* k) {
-    char* end = nullptr;
-    *k = static_cast<uint32_t>(std::strtoul(text, &end, 10));
-    return end != text && Pattern(*k) == text;
-}
-
-} // namespace
-
 TEST(Console, ConcurrentSetsAndReadsSeeWholeValues) {
     constexpr int kWriters = 4, kReaders = 3, kVars = 4, kSets = 3000;
     const char* names[kVars] = {"Conc0", "CONC1", "conc2", "Conc3"};

@@ -1,7 +1,6 @@
 #include "servers.h"
 
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -17,8 +16,8 @@ using socklen_t = int;
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/select.h>
 #include <signal.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,21 +27,23 @@ namespace fs = std::filesystem;
 
 namespace keelnet {
 
-TestServer::~TestServer() {
-    if (root.empty()) StopFaultServer(this);
-    else StopNginx(this);
+// nginx writes a request's line after it has answered, so the client may be quicker than
+// the log: read until two readings 50 ms apart agree (a second at most).
+std::string TestServer::AccessLog() const {
+    std::string log = ReadWholeFile(dir + "/access.log");
+    for (int i = 0; i < 20; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        std::string again = ReadWholeFile(dir + "/access.log");
+        if (again == log) break;
+        log = std::move(again);
+    }
+    return log;
 }
-
-std::string TestServer::Url(const char* path) const {
-    return "http://127.0.0.1:" + std::to_string(port) + path;
-}
-std::string TestServer::AccessLog() const { return ReadWholeFile(dir + "/access.log"); }
 std::string TestServer::RequestLog() const { return ReadWholeFile(requests); }
 
 std::string ReadWholeFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
@@ -50,37 +51,25 @@ bool WriteServerFile(const TestServer& server, const char* relative, const std::
     const fs::path path = fs::path(server.root) / relative;
     std::error_code ignored;
     fs::create_directories(path.parent_path(), ignored);
-    std::ofstream out(path, std::ios::binary);
-    out.write(bytes.data(), std::streamsize(bytes.size()));
-    return bool(out);
+    return bool(std::ofstream(path, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size())));
 }
 
-int UnusedPort() {
-#ifdef _WIN32
-    WSADATA data;
-    WSAStartup(MAKEWORD(2, 2), &data);
-    const SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
-#else
-    const int s = socket(AF_INET, SOCK_STREAM, 0);
-#endif
-    sockaddr_in at{};
-    at.sin_family = AF_INET;
-    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(at);
-    int port = 0;
-    if (bind(s, reinterpret_cast<sockaddr*>(&at), sizeof(at)) == 0 &&
-        getsockname(s, reinterpret_cast<sockaddr*>(&at), &len) == 0)
-        port = ntohs(at.sin_port);
-#ifdef _WIN32
-    closesocket(s);
-    WSACleanup();
-#else
-    close(s);
-#endif
-    return port;
+size_t Count(const std::string& text, const std::string& needle) {
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+    return n;
+}
+
+std::string Pattern(size_t n, uint32_t seed) {
+    std::string bytes(n, '\0');
+    for (size_t i = 0; i < n; ++i) bytes[i] = char(((uint64_t(i) + seed) * 2654435761u) >> 13);
+    return bytes;
 }
 
 int32_t ListenLoopback(int* port) {
+#ifdef _WIN32
+    [[maybe_unused]] static const int started = [] { WSADATA data; return WSAStartup(MAKEWORD(2, 2), &data); }();
+#endif
     const auto s = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in at{};
     at.sin_family = AF_INET;
@@ -93,6 +82,13 @@ int32_t ListenLoopback(int* port) {
     }
     *port = ntohs(at.sin_port);
     return int32_t(s);
+}
+
+int UnusedPort() {
+    int port = 0;
+    const int32_t s = ListenLoopback(&port);
+    if (s >= 0) CloseSocket(s);
+    return port;
 }
 
 int32_t AcceptOne(int32_t listener) {
@@ -114,17 +110,16 @@ void CloseSocket(int32_t s) {
 
 #ifdef _WIN32
 
-// No process can be started under wine: the ctest fixture started a "basic" server on
-// the host and named its port in a file.
+TestServer::~TestServer() = default;
+
+// The ctest fixture started a "basic" server on the host and named its port in a file.
 bool StartFaultServer(TestServer* server, const char* scenario) {
     const char* portfile = std::getenv("KEEL_NET_FIXTURE_PORTFILE");
     if (!portfile || std::strcmp(scenario, "basic") != 0) return false;
     std::istringstream line(ReadWholeFile(portfile));
     return bool(line >> server->port) && server->port > 0;
 }
-void StopFaultServer(TestServer* server) { server->port = 0; }
 bool StartNginx(TestServer*) { return false; }
-void StopNginx(TestServer*) {}
 
 #else
 
@@ -148,6 +143,8 @@ bool Accepts(int port) {
     return ok;
 }
 
+bool Exited(long pid) { return waitpid(pid_t(pid), nullptr, WNOHANG) != 0; }
+
 // Runs argv with stdin and stdout given (-1: /dev/null); returns the pid or -1.
 long Spawn(const char* const* argv, int in, int out) {
     const pid_t pid = fork();
@@ -160,15 +157,12 @@ long Spawn(const char* const* argv, int in, int out) {
     _exit(127);
 }
 
+// SIGTERM, then SIGKILL when it is still there after 5 s; the folder goes too.
 void Stop(TestServer* server) {
     if (server->pid > 0) {
         kill(pid_t(server->pid), SIGTERM);
-        for (int i = 0; i < 500 && waitpid(pid_t(server->pid), nullptr, WNOHANG) == 0; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        if (waitpid(pid_t(server->pid), nullptr, WNOHANG) == 0) {
-            kill(pid_t(server->pid), SIGKILL);
-            waitpid(pid_t(server->pid), nullptr, 0);
-        }
+        for (int i = 0; i < 500 && !Exited(server->pid); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        if (!Exited(server->pid) && kill(pid_t(server->pid), SIGKILL) == 0) waitpid(pid_t(server->pid), nullptr, 0);
     }
     if (server->control >= 0) close(server->control);
     server->control = -1;
@@ -179,16 +173,13 @@ void Stop(TestServer* server) {
     server->dir.clear();
 }
 
-// Waits up to 10 s for the server's port to accept while the process lives.
+// Waits up to 10 s for the port to accept while the process lives; stops it otherwise.
 bool WaitUntilUp(TestServer* server) {
-    for (int i = 0; i < 1000; ++i) {
-        if (waitpid(pid_t(server->pid), nullptr, WNOHANG) != 0) {
-            server->pid = -1;
-            return false;
-        }
+    for (int i = 0; i < 1000 && server->pid > 0 && server->port > 0 && !Exited(server->pid); ++i) {
         if (Accepts(server->port)) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    Stop(server);
     return false;
 }
 
@@ -216,58 +207,40 @@ std::string NginxConfig(const TestServer& s) {
 
 } // namespace
 
+TestServer::~TestServer() { Stop(this); }
+
 bool StartNginx(TestServer* server) {
     const char* nginx = FindNginx();
     if (!nginx || !MakeTempDir(server)) return false;
     server->root = server->dir + "/www";
     fs::create_directories(server->root);
     server->port = UnusedPort();
-    std::ofstream(server->dir + "/nginx.conf") << NginxConfig(*server);
     const std::string conf = server->dir + "/nginx.conf", errors = server->dir + "/error.log";
+    std::ofstream(conf) << NginxConfig(*server);
     const char* argv[] = {nginx, "-p", server->dir.c_str(), "-c", conf.c_str(), "-e", errors.c_str(), nullptr};
     server->pid = Spawn(argv, -1, -1);
-    if (server->pid > 0 && WaitUntilUp(server)) return true;
-    StopNginx(server);
-    return false;
+    return WaitUntilUp(server);
 }
 
-void StopNginx(TestServer* server) { Stop(server); }
-
 bool StartFaultServer(TestServer* server, const char* scenario) {
-    if (!MakeTempDir(server)) return false;
-    server->requests = server->dir + "/requests.log";
     int in[2], out[2];
-    if (pipe(in) != 0) return false;
-    if (pipe(out) != 0) {
-        close(in[0]);
-        close(in[1]);
-        return false;
-    }
+    if (!MakeTempDir(server) || pipe(in) != 0 || pipe(out) != 0) return false;
+    server->requests = server->dir + "/requests.log";
     const char* argv[] = {"python3", KEEL_NET_FAULT_SERVER, scenario, server->requests.c_str(), nullptr};
     server->pid = Spawn(argv, in[0], out[1]);
     close(in[0]);
     close(out[1]);
-    // The server ends when its stdin closes: keep the write end open (inherited by no one
-    // else) until this process goes.
+    // The server ends when its stdin closes: our end stays open, inherited by no one.
     fcntl(in[1], F_SETFD, FD_CLOEXEC);
     server->control = in[1];
-    // The port arrives as one line; it may come in pieces.
+    // The port comes as one short line in one write, which a pipe delivers whole.
     char line[32] = {};
-    size_t got = 0;
-    pollfd p{out[0], POLLIN, 0};
-    while (server->pid > 0 && got < sizeof(line) - 1 && !std::memchr(line, '\n', got) && poll(&p, 1, 10000) == 1) {
-        const ssize_t n = read(out[0], line + got, sizeof(line) - 1 - got);
-        if (n <= 0) break;
-        got += size_t(n);
-    }
-    if (std::memchr(line, '\n', got)) server->port = std::atoi(line);
+    pollfd ready{out[0], POLLIN, 0};
+    if (poll(&ready, 1, 10000) == 1 && read(out[0], line, sizeof(line) - 1) > 0 && std::strchr(line, '\n'))
+        server->port = std::atoi(line);
     close(out[0]);
-    if (server->port > 0 && WaitUntilUp(server)) return true;
-    StopFaultServer(server);
-    return false;
+    return WaitUntilUp(server);
 }
-
-void StopFaultServer(TestServer* server) { Stop(server); }
 
 #endif
 

@@ -1,25 +1,16 @@
-// Local HTTP servers for the network tests, all on 127.0.0.1 and all owned by the test
-// that starts them.
+// Local HTTP servers for the network tests, on 127.0.0.1, each owned (and stopped by the
+// destructor) by the test that starts it. Start* return false when the program is missing
+// or does not come up within 10 s; the caller then skips rather than fails.
 //
-//   nginx (StartNginx): a private instance on a free loopback port with a generated
-//   configuration: document root `root` (put files there before requesting them),
-//   keep-alive on, WebDAV PUT/DELETE/MKCOL enabled everywhere (missing folders are
-//   created), no body size limit, and an access log whose lines read
-//   "<connection serial> <request line> <status>" (AccessLog() returns them). Fixed
-//   locations: /chain/0 .. /chain/9 each answer 301 to the next one, /chain/10 answers
-//   301 to /chain.txt; /found answers 302 to /chain.txt.
+//   StartNginx: a private nginx with document root `root` (put files there first),
+//   keep-alive, WebDAV PUT/DELETE/MKCOL anywhere (folders created), no body size limit,
+//   access log lines "<connection serial> <request line> <status>". /chain/0 .. /chain/9
+//   each answer 301 to the next, /chain/10 301 to /chain.txt; /found 302 to /chain.txt.
 //
-//   The fault server (StartFaultServer): tests/net/fault_server.py under python3, one
-//   scenario per process (see the script's header for what each does). Every request
-//   head it receives is appended, raw, to `requests` (the file RequestLog() reads).
-//
-// Both return false when the program is missing or does not come up within 10 s; the
-// caller then skips (GTEST_SKIP) rather than fails. Stop* may be called twice and is
-// called by the destructor, so a failing test never leaves a server behind.
-//
-// Under wine no process can be started: StartFaultServer succeeds only for the scenario
-// that the ctest fixture started on the host, whose port it reads from the file named by
-// the environment variable KEEL_NET_FIXTURE_PORTFILE. StartNginx returns false there.
+//   StartFaultServer: tests/net/fault_server.py under python3, one scenario per process;
+//   every request head it receives is appended raw to `requests`. Under wine no process
+//   can be started: only "basic" works, served by the ctest fixture on the host, whose
+//   port is in the file named by KEEL_NET_FIXTURE_PORTFILE (and StartNginx fails).
 #pragma once
 
 #include <cstdint>
@@ -29,8 +20,8 @@ namespace keelnet {
 
 struct TestServer {
     int port = 0;         // loopback port it listens on
-    std::string dir;      // private temp folder: config, logs, pid
-    std::string root;     // nginx: document root (dir + "/www"); fault server: unused
+    std::string dir;      // private temp folder: config, logs
+    std::string root;     // nginx: document root (dir + "/www")
     std::string requests; // fault server: raw request heads log
     long pid = -1;        // server process; -1 when not running (or not ours to stop)
     int control = -1;     // fault server: our end of its stdin (it exits when that closes)
@@ -40,31 +31,28 @@ struct TestServer {
     TestServer& operator=(const TestServer&) = delete;
     ~TestServer();
 
-    // "http://127.0.0.1:<port><path>"; path starts with "/".
-    std::string Url(const char* path) const;
-    // nginx: the access log's text so far (lines "<connection> <request line> <status>").
-    std::string AccessLog() const;
-    // Fault server: everything received so far.
-    std::string RequestLog() const;
+    std::string Url(const char* path) const { return "http://127.0.0.1:" + std::to_string(port) + path; }
+    std::string AccessLog() const;  // nginx
+    std::string RequestLog() const; // fault server
 };
 
 bool StartNginx(TestServer* server);
-void StopNginx(TestServer* server);
-
 bool StartFaultServer(TestServer* server, const char* scenario);
-void StopFaultServer(TestServer* server);
 
 // Writes bytes to root + "/" + relative (folders created); false on failure.
 bool WriteServerFile(const TestServer& server, const char* relative, const std::string& bytes);
+// The whole file, or "" when it cannot be read.
+std::string ReadWholeFile(const std::string& path);
 // A loopback port on which nothing listens right now.
 int UnusedPort();
-// For tests that play the server themselves: a socket listening on a free loopback port
-// (-1 on failure), the next connection on it (waits at most 5 s; -1 when none came),
-// and closing either.
+// For tests that play the server: a socket listening on a free loopback port (-1 on
+// failure), its next connection (-1 when none came within 5 s), and closing either.
 int32_t ListenLoopback(int* port);
 int32_t AcceptOne(int32_t listener);
 void CloseSocket(int32_t s);
-// The whole file, or "" when it cannot be read.
-std::string ReadWholeFile(const std::string& path);
+// How often needle occurs in text (overlaps counted).
+size_t Count(const std::string& text, const std::string& needle);
+// n bytes of the fault server's body pattern (seed 0); other seeds give other bytes.
+std::string Pattern(size_t n, uint32_t seed = 0);
 
 } // namespace keelnet

@@ -1,5 +1,4 @@
 // klHTTPClient against a private nginx and the scripted fault server, plus its parsers.
-#include "keel/klhashfunc.h"
 #include "keel/klhttpclient.h"
 #include "keel/kllifetime.h"
 #include "keel/klsystem.h"
@@ -24,20 +23,16 @@ struct KeelRunning : testing::Environment {
 testing::Environment* const g_keel = testing::AddGlobalTestEnvironment(new KeelRunning);
 
 // A growable response or request body.
-class StringStream : public klStream {
-public:
+struct StringStream : klStream {
     explicit StringStream(std::string text = "") : data(std::move(text)) {}
     uint32_t Write(const void* bytes, uint32_t count) override {
-        if (data.size() < pos + count) data.resize(pos + count);
+        data.resize(std::max<size_t>(data.size(), pos + count));
         std::memcpy(&data[pos], bytes, count);
-        pos += count;
-        return count;
+        return pos += count, count;
     }
     uint32_t Read(void* bytes, uint32_t count) override {
-        const uint32_t n = pos >= data.size() ? 0 : uint32_t(std::min<size_t>(count, data.size() - pos));
-        std::memcpy(bytes, data.data() + pos, n);
-        pos += n;
-        return n;
+        const uint32_t n = pos >= data.size() ? 0 : uint32_t(data.copy(static_cast<char*>(bytes), count, pos));
+        return pos += n, n;
     }
     void Seek(int origin, int32_t offset) override {
         pos = uint32_t(origin == klSeekEnd ? data.size() + offset : origin == klSeekCurrent ? pos + offset : offset);
@@ -52,24 +47,16 @@ double SecondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-size_t Count(const std::string& text, const std::string& needle) {
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-    return n;
+// The distinct connection serials in an nginx access log.
+size_t Connections(const std::string& log) {
+    std::istringstream lines(log);
+    std::set<std::string> serials;
+    for (std::string line; std::getline(lines, line);) serials.insert(line.substr(0, line.find(' ')));
+    return serials.size();
 }
 
-std::string Pattern(size_t n) {
-    std::string bytes(n, '\0');
-    for (size_t i = 0; i < n; ++i) bytes[i] = char(((uint64_t(i) * 2654435761u) >> 13) & 0xFF);
-    return bytes;
-}
-
-std::string MD5(const std::string& bytes) {
-    klHashMD5 md5;
-    md5.Update(bytes.data(), uint32_t(bytes.size()));
-    const klMD5Digest digest = md5.Finish();
-    return std::string(reinterpret_cast<const char*>(digest.mBytes), 16);
-}
+using keelnet::Count;
+using keelnet::Pattern;
 
 // ---------------------------------------------------------------------------------------
 // Without a server
@@ -200,10 +187,7 @@ TEST_F(klHTTPClientNginx, GetHeadAndRanges) {
     // Every request above went over one kept-alive connection.
     const std::string log = server.AccessLog();
     EXPECT_EQ(Count(log, "GET /data.bin") + Count(log, "HEAD /data.bin"), 4u);
-    std::istringstream lines(log);
-    std::set<std::string> connections;
-    for (std::string line; std::getline(lines, line);) connections.insert(line.substr(0, line.find(' ')));
-    EXPECT_EQ(connections.size(), 1u) << log;
+    EXPECT_EQ(Connections(log), 1u) << log;
 }
 
 TEST_F(klHTTPClientNginx, FollowsOnly301AndOnlyToTheLimit) {
@@ -247,101 +231,71 @@ TEST_F(klHTTPClientNginx, ConcurrentClientsShareThePool) {
         });
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(good.load(), kThreads * kRequests);
-    std::istringstream lines(server.AccessLog());
-    std::set<std::string> connections;
-    for (std::string line; std::getline(lines, line);) connections.insert(line.substr(0, line.find(' ')));
-    EXPECT_LE(connections.size(), size_t(kThreads)); // connections are reused, never shared
+    EXPECT_LE(Connections(server.AccessLog()), size_t(kThreads)); // connections are reused, never shared
 }
 
 // ---------------------------------------------------------------------------------------
 // The fault server
 
-class klHTTPClientFaults : public testing::Test {
-protected:
-    int32_t Run(const char* scenario, int64_t first = 0, int64_t last = -1) {
-        if (!keelnet::StartFaultServer(&server, scenario)) return -1;
-        EXPECT_TRUE(client.SetURL(server.Url("/file").c_str()));
-        start = std::chrono::steady_clock::now();
-        return client.Request("GET", nullptr, &out, 5, first, last);
-    }
+// The server the wine fixture provides; it keeps no request log there.
+TEST(klHTTPClientFaults, WritesTheRequestAsDocumented) {
     keelnet::TestServer server;
+    if (!keelnet::StartFaultServer(&server, "basic")) GTEST_SKIP() << "python3 is not installed or did not start";
     klHTTPClient client;
     StringStream out;
-    std::chrono::steady_clock::time_point start;
-};
-
-#define RUN_OR_SKIP(status, ...)                                                  \
-    const int32_t status = Run(__VA_ARGS__);                                      \
-    if (status == -1) GTEST_SKIP() << "python3 is not installed or did not start"
-
-TEST_F(klHTTPClientFaults, WritesTheRequestAsDocumented) {
     client.SetCookie("id=42");
-    RUN_OR_SKIP(status, "basic");
-    EXPECT_EQ(status, 200);
+    ASSERT_TRUE(client.SetURL(server.Url("/file").c_str()));
+    EXPECT_EQ(client.Request("GET", nullptr, &out), 200);
     EXPECT_EQ(out.data, "hello");
     EXPECT_EQ(client.LastModified(), 784111777);
     EXPECT_EQ(client.Date(), 784111777);
-    if (server.requests.empty()) return; // the wine fixture's server keeps no log
+    if (server.requests.empty()) return;
     EXPECT_EQ(server.RequestLog(), std::string("GET /file HTTP/1.0\nAccept: */*\nAccept-Language: en-us\n") +
                                        "User-Agent: klHTTPClient/1.0 (" + klOperatingSystemDescription().Const() +
                                        ")\nHost: 127.0.0.1\nConnection: Keep-Alive\nCookie=id=42\n\n");
 }
 
-TEST_F(klHTTPClientFaults, ResumesABrokenBodyByteForByte) {
-    RUN_OR_SKIP(status, "midclose");
-    EXPECT_EQ(status, 206);
-    EXPECT_EQ(out.data.size(), 300000u);
-    EXPECT_TRUE(MD5(out.data) == MD5(Pattern(300000)));
-    const std::string log = server.RequestLog();
-    EXPECT_EQ(Count(log, "GET /file HTTP/1.0\n"), 3u);
-    EXPECT_EQ(Count(log, "Range: bytes=100000-\nIf-Range: Sun, 06 Nov 1994 08:49:37 GMT\n\n"), 1u);
-    EXPECT_EQ(Count(log, "Range: bytes=200000-\nIf-Range: Sun, 06 Nov 1994 08:49:37 GMT\n\n"), 1u);
-}
-
-TEST_F(klHTTPClientFaults, MoreBytesThanTheRangeCloseTheConnection) {
-    RUN_OR_SKIP(status, "overrange", 0, 99);
-    EXPECT_EQ(status, 206);
-    EXPECT_EQ(out.data, "");
-    EXPECT_LT(SecondsSince(start), 1.5);
-    EXPECT_EQ(Count(server.RequestLog(), "Range: bytes=0-99\n"), 1u);
-}
-
-TEST_F(klHTTPClientFaults, ASilentServerIsAskedAgainAfterTwoSeconds) {
-    RUN_OR_SKIP(status, "silentonce");
-    EXPECT_EQ(status, 200);
-    EXPECT_EQ(out.data, "hello");
-    EXPECT_GE(SecondsSince(start), 1.9);
-    EXPECT_LT(SecondsSince(start), 6.0);
-}
-
-TEST_F(klHTTPClientFaults, SkipsAHugeHeaderLine) {
-    RUN_OR_SKIP(status, "longheader");
-    EXPECT_EQ(status, 200);
-    EXPECT_EQ(out.data, "hello");
-}
-
-TEST_F(klHTTPClientFaults, RefusesAnOverlongLocation) {
-    testing::internal::CaptureStdout();
-    const int32_t status = Run("longlocation");
-    const std::string printed = testing::internal::GetCapturedStdout();
-    if (status == -1) GTEST_SKIP() << "python3 is not installed or did not start";
-    EXPECT_EQ(status, 404);
-    EXPECT_EQ(printed.rfind("Error: Could not parse: http://127.0.0.1:", 0), 0u) << printed;
-    EXPECT_EQ(Count(server.RequestLog(), "GET "), 1u);
-}
-
-TEST_F(klHTTPClientFaults, GarbageStatusLineIs400) {
-    RUN_OR_SKIP(status, "garbage");
-    EXPECT_EQ(status, 400);
-    EXPECT_EQ(out.data, "");
-}
-
-TEST_F(klHTTPClientFaults, GivesUpAfterFiveAttemptsThatBringNothing) {
-    RUN_OR_SKIP(status, "dropbody");
-    EXPECT_EQ(status, 200);
-    EXPECT_EQ(out.data, "");
-    EXPECT_EQ(Count(server.RequestLog(), "GET /file HTTP/1.0\n"), 5u);
-    EXPECT_LT(SecondsSince(start), 3.0);
+// One scenario of fault_server.py per row: what the request ends with, how long it took,
+// what it printed and how often the server saw each needle.
+TEST(klHTTPClientFaults, EachMisbehaviourEndsAsDocumented) {
+    const std::string ifRange = "\nIf-Range: Sun, 06 Nov 1994 08:49:37 GMT\n\n";
+    struct Row {
+        const char* scenario;
+        int64_t first, last;
+        int32_t status;
+        std::string body;
+        double minSeconds, maxSeconds;
+        const char* printed;
+        std::vector<std::pair<std::string, size_t>> logged;
+    } const rows[] = {
+        // A broken body is resumed byte for byte from where it broke.
+        {"midclose", 0, -1, 206, Pattern(300000), 0, 60, "",
+         {{"GET /file HTTP/1.0\n", 3}, {"Range: bytes=100000-" + ifRange, 1}, {"Range: bytes=200000-" + ifRange, 1}}},
+        // More bytes than the range asked for: the connection is closed, not read on.
+        {"overrange", 0, 99, 206, "", 0, 1.5, "", {{"Range: bytes=0-99\n", 1}}},
+        {"silentonce", 0, -1, 200, "hello", 1.9, 6.0, "", {}}, // asked again after 2 s
+        {"longheader", 0, -1, 200, "hello", 0, 60, "", {}},
+        {"longlocation", 0, -1, 404, "", 0, 60, "Error: Could not parse: http://127.0.0.1:", {{"GET ", 1}}},
+        {"garbage", 0, -1, 400, "", 0, 60, "", {}},
+        {"dropbody", 0, -1, 200, "", 0, 3.0, "", {{"GET /file HTTP/1.0\n", 5}}}, // five empty attempts
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.scenario);
+        keelnet::TestServer server;
+        if (!keelnet::StartFaultServer(&server, row.scenario)) GTEST_SKIP() << "python3 is not installed or did not start";
+        klHTTPClient client;
+        StringStream out;
+        ASSERT_TRUE(client.SetURL(server.Url("/file").c_str()));
+        const auto start = std::chrono::steady_clock::now();
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(client.Request("GET", nullptr, &out, 5, row.first, row.last), row.status);
+        const std::string printed = testing::internal::GetCapturedStdout();
+        EXPECT_TRUE(out.data == row.body) << out.data.size() << " bytes";
+        EXPECT_GE(SecondsSince(start), row.minSeconds);
+        EXPECT_LT(SecondsSince(start), row.maxSeconds);
+        EXPECT_EQ(printed.rfind(row.printed, 0), 0u) << printed;
+        for (const auto& [needle, times] : row.logged) EXPECT_EQ(Count(server.RequestLog(), needle), times) << needle;
+    }
 }
 
 } // namespace

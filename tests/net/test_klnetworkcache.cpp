@@ -19,11 +19,7 @@ struct KeelRunning : testing::Environment {
 };
 testing::Environment* const g_keel = testing::AddGlobalTestEnvironment(new KeelRunning);
 
-size_t Count(const std::string& text, const std::string& needle) {
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-    return n;
-}
+using keelnet::Count;
 
 // Reads a whole URL through the file layer; "<failed>" when it does not open.
 std::string ReadUrl(const std::string& url) {
@@ -41,12 +37,6 @@ bool WriteUrl(const std::string& url, const char* mode, const std::string& bytes
     if (!fp) return false;
     const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), fp) == bytes.size();
     return klFileSystem::Close(fp) == 0 && ok;
-}
-
-std::string Bytes(size_t n, uint32_t seed) {
-    std::string bytes(n, '\0');
-    for (size_t i = 0; i < n; ++i) bytes[i] = char(((i + seed) * 2654435761u) >> 13);
-    return bytes;
 }
 
 // Every test's local folder (and so its cache) lies in a fresh temporary folder.
@@ -71,7 +61,7 @@ protected:
 
 TEST_F(KlNetworkCache, ReadsThroughTheCacheAndRefetchesChanges) {
     const std::string url = mServer.Url("/dir/file.bin");
-    const std::string first = Bytes(100000, 1);
+    const std::string first = keelnet::Pattern(100000, 1);
     ASSERT_TRUE(keelnet::WriteServerFile(mServer, "dir/file.bin", first));
     EXPECT_EQ(first, ReadUrl(url));
     const fs::path cached(klFileSystem::NetworkCachePath(url.c_str()).Const());
@@ -80,11 +70,11 @@ TEST_F(KlNetworkCache, ReadsThroughTheCacheAndRefetchesChanges) {
     EXPECT_EQ(2u, Count(mServer.AccessLog(), "HEAD /dir/file.bin"));
     EXPECT_EQ(1u, Count(mServer.AccessLog(), "GET /dir/file.bin"));
 
-    const std::string second = Bytes(100001, 2);
+    const std::string second = keelnet::Pattern(100001, 2);
     ASSERT_TRUE(keelnet::WriteServerFile(mServer, "dir/file.bin", second));
     EXPECT_EQ(second, ReadUrl(url));
     // Same size, other bytes: only the time tells, and it must.
-    const std::string third = Bytes(100001, 3);
+    const std::string third = keelnet::Pattern(100001, 3);
     const fs::path served = fs::path(mServer.root) / "dir/file.bin";
     const auto before = fs::last_write_time(served);
     ASSERT_TRUE(keelnet::WriteServerFile(mServer, "dir/file.bin", third));
@@ -95,7 +85,7 @@ TEST_F(KlNetworkCache, ReadsThroughTheCacheAndRefetchesChanges) {
 
 TEST_F(KlNetworkCache, WrittenAndAppendedFilesAreUploaded) {
     const std::string url = mServer.Url("/up/new.bin");
-    const std::string bytes = Bytes(70000, 4);
+    const std::string bytes = keelnet::Pattern(70000, 4);
     ASSERT_TRUE(WriteUrl(url, "wb", bytes));
     const std::string served = mServer.root + "/up/new.bin";
     EXPECT_EQ(bytes, keelnet::ReadWholeFile(served));
