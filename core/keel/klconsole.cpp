@@ -61,8 +61,9 @@ class FoldedName {
 public:
     explicit FoldedName(const char* name) : mLength(std::strlen(name)) {
         mText = mLength < sizeof(mShort) ? mShort : static_cast<char*>(klAlloc(mLength + 1));
+        // Only 'A'..'Z' fold, as in klLCaseString, which keys the map.
         for (size_t i = 0; i <= mLength; ++i)
-            mText[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(name[i])));
+            mText[i] = (name[i] >= 'A' && name[i] <= 'Z') ? static_cast<char>(name[i] + ('a' - 'A')) : name[i];
     }
     ~FoldedName() {
         if (mText != mShort) klFree(mText);
