@@ -17,9 +17,9 @@
 namespace {
 
 // A handler row serves the paths that begin with its prefix. An open handler gets the
-// requested path and may hand back, as an owned copy from klAlloc, the local file to
-// open instead; a close handler runs after the stream is flushed and before it closes.
-using OpenHandler = bool (*)(const char* requested, char** local);
+// requested path and may name in *local the file to open instead; a close handler runs
+// after the stream is flushed and before it closes.
+using OpenHandler = bool (*)(const char* requested, klString* local);
 using CloseHandler = void (*)(const char* requested);
 
 struct UrlHandler {
@@ -96,10 +96,6 @@ uint32_t FindHandler(const char* path) {
            std::strncmp(path, kHandlers[row].prefix, kHandlers[row].prefixLength) != 0)
         ++row;
     return row;
-}
-
-bool IsSeparator(char c) {
-    return c == '/' || c == '\\';
 }
 
 // A string of exactly the given parts, built in one allocation.
@@ -198,12 +194,13 @@ FILE* Open(const char* path, const char* mode) {
         handler = row.openAppend;
         slot.mode = 'a';
     }
-    if (handler && !handler(slot.requestedPath, &slot.localPath)) {
+    klString local;
+    if (handler && !handler(slot.requestedPath, &local)) {
         FreePaths(slot);
         klAtomicStore(&slot.fp, uintptr_t(0));
         return nullptr;
     }
-    if (!slot.localPath) slot.localPath = CopyText(slot.requestedPath);
+    slot.localPath = CopyText(local.IsEmpty() ? slot.requestedPath : local.Const());
 
     FILE* fp = std::fopen(slot.localPath, mode);
     if (!fp) FreePaths(slot);
@@ -289,12 +286,18 @@ klString CombinePath(const klString& a, const klString& b) {
     if (a.IsEmpty()) return b;
     if (b.IsEmpty()) return a;
     if (b.Find(':') >= 0) return b;
-    const bool aEnds = IsSeparator(a.Const()[a.Size() - 1]);
-    const bool bStarts = IsSeparator(b.Const()[0]);
+    const bool aEnds = IsPathSeparator(a.Const()[a.Size() - 1]);
+    const bool bStarts = IsPathSeparator(b.Const()[0]);
     if (aEnds && bStarts) return Concat(a.Const(), a.Size() - 1, "", 0, b.Const(), b.Size());
     if (aEnds || bStarts) return Concat(a.Const(), a.Size(), "", 0, b.Const(), b.Size());
     const char separator = kl::platform::PathSeparator();
     return Concat(a.Const(), a.Size(), &separator, 1, b.Const(), b.Size());
+}
+
+klString FolderOf(const klString& path) {
+    uint32_t end = path.Size();
+    while (end > 0 && !IsPathSeparator(path.Const()[end - 1])) --end;
+    return path.SubString(0, end);
 }
 
 klString CanonicalPath(const klString& path) {
@@ -443,7 +446,7 @@ bool StaysInside(const char* text) {
     for (size_t at = 0;;) {
         const bool end = text[at] == 0;
         const char c = end ? '/' : DecodedAt(text, &at);
-        if (c == '/' || c == '\\') {
+        if (IsPathSeparator(c)) {
             if (length > 0 && onlyDots && dots >= 2) return false;
             if (end) return true;
             length = dots = 0;
@@ -474,7 +477,7 @@ bool CreatePath(const char* path) {
     // is no failure as long as the whole path can be.
     klString prefix;
     for (const char* p = path + 1; *p; ++p)
-        if (IsSeparator(*p) && !IsSeparator(p[-1])) {
+        if (IsPathSeparator(*p) && !IsPathSeparator(p[-1])) {
             prefix.Copy(path, static_cast<uint32_t>(p - path));
             CreateDirectory(prefix.Const());
         }
@@ -509,7 +512,7 @@ bool CreateDirectory(const char* path) {
 bool EnsureTrailingSeparator(klString& path) {
     if (path.IsEmpty()) return false;
     const char separator = kl::platform::PathSeparator();
-    if (!IsSeparator(path.Const()[path.Size() - 1])) path.Append(&separator, 1);
+    if (!IsPathSeparator(path.Const()[path.Size() - 1])) path.Append(&separator, 1);
     return CreatePath(path.Const());
 }
 

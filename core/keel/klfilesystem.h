@@ -56,6 +56,11 @@ bool LoadText(const klString& path, klString* output);
 // Joins two parts with the platform separator, never doubling or dropping one. A second
 // part that holds ':' (a drive or a scheme) is returned as it is.
 klString CombinePath(const klString& a, const klString& b);
+// Whether c separates the parts of a path ('/' or '\\', on either platform).
+inline bool IsPathSeparator(char c) { return c == '/' || c == '\\'; }
+// The folder part of path with its last separator ("a/b/" for "a/b/c"); empty when path
+// has no separator.
+klString FolderOf(const klString& path);
 // The '/' form of a path, each run of slashes halved once; a drive prefix ("c:/"), a
 // share prefix ("//") and the "http://" of a URL are kept.
 klString CanonicalPath(const klString& path);

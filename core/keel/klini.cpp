@@ -21,7 +21,7 @@ constexpr size_t kMaxIncludeDepth = 32;
 klLogger& Log() { return klConsoleLogger(); }
 
 bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
-bool IsSeparator(char c) { return c == '/' || c == '\\'; }
+using klFileSystem::IsPathSeparator;
 
 bool SamePath(const klString& a, const klString& b) {
     return kl::platform::StrICmp(klFileSystem::CanonicalPath(a), klFileSystem::CanonicalPath(b)) == 0;
@@ -221,13 +221,10 @@ bool klIni::ParseFile(const klString& fileName, const char* text) {
 }
 
 klString klIni::ResolveIncludePath(const char* name) const {
-    while (name[0] == '.' && IsSeparator(name[1])) name += 2;
-    if (mIncludeStack.empty() || IsSeparator(name[0]) || std::strchr(name, ':')) return name;
-    const klString& including = mIncludeStack.back();
-    int32_t cut = static_cast<int32_t>(including.Size()) - 1;
-    while (cut >= 0 && !IsSeparator(including.Const()[cut])) --cut;
-    if (cut < 0) return name;
-    return klFileSystem::CombinePath(including.SubString(0, static_cast<uint32_t>(cut) + 1), name);
+    while (name[0] == '.' && IsPathSeparator(name[1])) name += 2;
+    if (mIncludeStack.empty() || IsPathSeparator(name[0]) || std::strchr(name, ':')) return name;
+    // CombinePath gives name alone when the including file has no folder.
+    return klFileSystem::CombinePath(klFileSystem::FolderOf(mIncludeStack.back()), name);
 }
 
 bool klIni::Include(const char* fileName) {

@@ -2,7 +2,6 @@
 
 #include "keel/klfilesystem.h"
 #include "keel/klhttpclient.h"
-#include "keel/klmalloc.h"
 #include "keel/klplatform.h"
 #include "keel/klthread.h"
 
@@ -11,18 +10,10 @@
 
 namespace {
 
-char* OwnedCopy(const klString& text) {
-    auto* copy = static_cast<char*>(klAlloc(text.Size() + 1));
-    std::memcpy(copy, text.Const(), text.Size() + 1);
-    return copy;
-}
-
 // Creates the folders that hold path (every prefix that ends before a separator).
 void CreateFoldersFor(const klString& path) {
-    int32_t cut = path.Size() - 1;
-    while (cut > 0 && path.Const()[cut] != '/' && path.Const()[cut] != '\\')
-        --cut;
-    if (cut > 0) klFileSystem::CreatePath(path.SubString(0, static_cast<uint32_t>(cut)).Const());
+    const klString folder = klFileSystem::FolderOf(path);
+    if (!folder.IsEmpty()) klFileSystem::CreatePath(folder.Const());
 }
 
 // Opens path, waiting while another writer or reader holds it; null after
@@ -69,7 +60,7 @@ int32_t Download(klHTTPClient& client, const klString& path) {
 
 namespace klNetworkCache {
 
-bool Fetch(const char* url, char** local) {
+bool Fetch(const char* url, klString* local) {
     const klString path = klFileSystem::NetworkCachePath(url);
     klHTTPClient client;
     if (path.IsEmpty() || !client.SetURL(url)) return false;
@@ -86,15 +77,15 @@ bool Fetch(const char* url, char** local) {
         }
         if (status >= 300) return false;
     }
-    *local = OwnedCopy(path);
+    *local = path;
     return true;
 }
 
-bool Prepare(const char* url, char** local) {
+bool Prepare(const char* url, klString* local) {
     const klString path = klFileSystem::NetworkCachePath(url);
     if (path.IsEmpty()) return false;
     CreateFoldersFor(path);
-    *local = OwnedCopy(path);
+    *local = path;
     return true;
 }
 

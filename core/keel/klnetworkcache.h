@@ -3,6 +3,8 @@
 // it is opened for reading or appending and sent back when a written copy is closed.
 #pragma once
 
+#include "keel/klstring.h"
+
 #include <cstdint>
 
 namespace klNetworkCache {
@@ -16,12 +18,12 @@ constexpr uint32_t kFailedDownloads = 3;
 constexpr uint32_t kUploadTries = 4;
 
 // Open for reading or appending: HEAD, then GET into the cache unless the cached copy
-// already has the server's size and modification time. *local receives the cache file
-// (klAlloc'ed). False for a refused URL, a failed request or a redirected one.
-bool Fetch(const char* url, char** local);
+// already has the server's size and modification time. *local receives the cache file.
+// False for a refused URL, a failed request or a redirected one.
+bool Fetch(const char* url, klString* local);
 // Open for writing: *local receives the cache file, whose folders are created; nothing
 // is sent.
-bool Prepare(const char* url, char** local);
+bool Prepare(const char* url, klString* local);
 // Close after writing or appending: sends the cache file with PUT.
 void Upload(const char* url);
 

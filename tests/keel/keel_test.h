@@ -7,6 +7,9 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <random>
 
 #include <gtest/gtest.h>
 
@@ -72,6 +75,27 @@ public:
 
 private:
     Needles mNeedles;
+};
+
+// A test with a fresh folder under the system's temporary folder, removed after it.
+class TempFolderTest : public testing::Test {
+protected:
+    void SetUp() override {
+        mDir = std::filesystem::temp_directory_path() / ("keel-" + std::to_string(std::random_device()()));
+        std::filesystem::create_directories(mDir);
+    }
+    void TearDown() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(mDir, ignored);
+    }
+    std::string Path(const std::string& name) const { return (mDir / name).string(); }
+    // Writes bytes to the file name inside the folder, making its folders; its path.
+    std::string Write(const std::string& name, const std::string& bytes) const {
+        std::filesystem::create_directories((mDir / name).parent_path());
+        std::ofstream(mDir / name, std::ios::binary) << bytes;
+        return Path(name);
+    }
+    std::filesystem::path mDir;
 };
 
 // Replaces the default log sink for its lifetime and keeps every message, expanded,

@@ -30,27 +30,12 @@ Strings Names(const std::vector<klString>& list) {
     return names;
 }
 
-// A fresh folder under the system's temporary folder, removed again after each test.
-class KlFileSystemFiles : public testing::Test {
+class KlFileSystemFiles : public keeltest::TempFolderTest {
 protected:
-    void SetUp() override {
-        mDir = fs::temp_directory_path() / ("klfs-" + std::to_string(std::random_device()()));
-        fs::create_directories(mDir);
-    }
-    void TearDown() override {
-        std::error_code ignored;
-        fs::remove_all(mDir, ignored);
-    }
-    std::string Path(const std::string& name) const { return (mDir / name).string(); }
-    std::string Write(const std::string& name, const std::string& bytes) const {
-        std::ofstream(mDir / name, std::ios::binary) << bytes;
-        return Path(name);
-    }
     std::string Read(const std::string& name) const {
         std::ifstream in(mDir / name, std::ios::binary);
         return std::string(std::istreambuf_iterator<char>(in), {});
     }
-    fs::path mDir;
 };
 
 } // namespace

@@ -31,23 +31,12 @@ std::string Value(klIni& ini, const char* section, const char* key) {
     return v ? v : "<null>";
 }
 
-class KlIniFiles : public testing::Test {
+class KlIniFiles : public keeltest::TempFolderTest {
 protected:
-    void SetUp() override {
-        mDir = fs::temp_directory_path() / ("klini-" + std::to_string(std::random_device()()));
-        fs::create_directories(mDir);
-    }
     void TearDown() override {
         klClearCommandLine();
-        std::error_code ignored;
-        fs::remove_all(mDir, ignored);
+        TempFolderTest::TearDown();
     }
-    std::string Write(const std::string& name, const std::string& text) const {
-        fs::create_directories((mDir / name).parent_path());
-        std::ofstream(mDir / name, std::ios::binary) << text;
-        return (mDir / name).string();
-    }
-    fs::path mDir;
 };
 
 } // namespace
