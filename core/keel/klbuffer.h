@@ -179,6 +179,12 @@ public:
     // A capacity hint.
     virtual void Reserve(uint32_t size) = 0;
     virtual uint32_t Tell() = 0;
+    // Drops everything from size on, so that the stream ends there; false (and nothing
+    // dropped) for a stream that cannot end early, such as a fixed block.
+    virtual bool Truncate(uint32_t size) {
+        (void)size;
+        return false;
+    }
 };
 
 namespace klBufferDetails {
@@ -275,6 +281,12 @@ public:
         mString->AllocUniqueBuffer(keep, false);
     }
     uint32_t Tell() override { return mPosition; }
+    bool Truncate(uint32_t size) override {
+        if (!mString) return false;
+        if (size < mString->Size()) mString->ReplaceRange(size, mString->Size() - size, "", 0);
+        if (mPosition > size) mPosition = size;
+        return true;
+    }
 
 private:
     uint32_t mPosition;
@@ -297,6 +309,10 @@ public:
     }
     void Reserve(uint32_t) override {}
     uint32_t Tell() override { return mPosition; }
+    bool Truncate(uint32_t size) override {
+        if (mPosition > size) mPosition = size;
+        return true;
+    }
 
 private:
     uint32_t mPosition;

@@ -22,6 +22,11 @@ bool OpenFileSize(FILE* file, uint64_t* size);
 // Moves an open file's position by a 64-bit offset from origin (0 start, 1 current,
 // 2 end). Returns 0 on success, as fseek does.
 int SeekFile(FILE* file, int64_t offset, int origin);
+// Flushes file and cuts it to size bytes; false on failure.
+bool TruncateFile(FILE* file, uint64_t size);
+// Whether the last failed open (errno, and on Windows the system's last error) was a
+// passing conflict with another user of the file rather than a lasting fault.
+bool OpenFailureIsTransient();
 
 // Receives one entry of a directory search; returns false to end the search early.
 using FindVisitor = bool (*)(void* context, const char* name, bool isDirectory);

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
+#include <mutex>
 #include <iterator>
 #include <string>
 
@@ -18,9 +19,9 @@ namespace {
 
 // A handler row serves the paths that begin with its prefix. An open handler gets the
 // requested path and may name in *local the file to open instead; a close handler runs
-// after the stream is flushed and before it closes.
+// after the stream is flushed and before it closes, and gets the file that was opened.
 using OpenHandler = bool (*)(const char* requested, klString* local);
-using CloseHandler = void (*)(const char* requested);
+using CloseHandler = void (*)(const char* requested, const char* local);
 
 struct UrlHandler {
     const char* prefix;
@@ -221,7 +222,7 @@ int Close(FILE* fp) {
                            : slot->mode == 'w' ? row.closeWrite
                            : slot->mode == 'a' ? row.closeAppend
                                                : nullptr;
-    if (handler) handler(slot->requestedPath);
+    if (handler) handler(slot->requestedPath, slot->localPath);
     FreePaths(*slot);
     // The slot is released before fclose: once fclose has run, another thread's fopen may
     // hand out the same FILE address, and it must not find this slot still holding it.
@@ -436,6 +437,13 @@ char DecodedAt(const char* text, size_t* at) {
     return p[0];
 }
 
+// Whether every '%' in text starts a two-digit escape, as it must in a URL.
+bool EscapesAreWellFormed(const char* text) {
+    for (const char* p = std::strchr(text, '%'); p; p = std::strchr(p + 1, '%'))
+        if (!IsHexDigit(p[1]) || !IsHexDigit(p[2])) return false;
+    return true;
+}
+
 // Whether a relative path stays below the folder it is joined to: no part made of two
 // or more dots and nothing else (Windows drops trailing dots and spaces, so "..." and
 // ". ." lead up too), no ':' (a drive or a stream), no escaped zero, read with percent
@@ -642,28 +650,39 @@ FILE* MakeTempFile(char* templ) {
     return nullptr;
 }
 
+// The default is made once, whichever thread asks first: several threads opening their
+// first URLs at once would otherwise all write the one string.
 const klString& GetLocalAssetsDir() {
-    klString& local = LocalDir();
-    if (local.IsEmpty()) {
+    static std::once_flag defaulted;
+    std::call_once(defaulted, [] {
+        klString& local = LocalDir();
+        if (!local.IsEmpty()) return;
         klString working;
         GetCurrentDir(&working);
         local = CombinePath(working, "localassets");
         EnsureTrailingSeparator(local);
-    }
-    return local;
+    });
+    return LocalDir();
 }
 
 void SetNetworkCacheName(const char* name) { CacheName() = name ? name : ""; }
 
 klString NetworkCachePath(const char* url) {
     if (!url) return klString();
-    // The URL's path starts at the first '/' behind "http://" and the host.
+    // The URL's path starts at the first '/' behind "http://" and the host; a bare host
+    // is asked for as "/".
     const char* urlPath = std::strlen(url) > 7 ? std::strchr(url + 7, '/') : nullptr;
-    if (!urlPath) urlPath = "";
-    if (!StaysInside(CacheName().Const()) || !StaysInside(urlPath)) return klString();
+    if (!urlPath) urlPath = "/";
+    if (!StaysInside(CacheName().Const()) || !StaysInside(urlPath) || !EscapesAreWellFormed(urlPath))
+        return klString();
     klString path = CombinePath(CanonicalPath(GetLocalAssetsDir()), "cache/network");
     path = CombinePath(path, CacheName());
-    return CombinePath(path, urlPath);
+    path = CombinePath(path, urlPath);
+    // A path ending in a separator names a folder; its file gets a name no URL path can
+    // spell raw (a '%' must start an escape), so it never meets a real resource's file.
+    const char last = path.IsEmpty() ? 0 : path.Const()[path.Size() - 1];
+    if (last == '/' || last == '\\') path.Append(kFolderIndexName);
+    return path;
 }
 
 void SetLogDir(const char* dir) {

@@ -117,9 +117,13 @@ const klString& GetLocalAssetsDir();
 // The name of this program's own folder inside the network cache; null or "" clears it.
 void SetNetworkCacheName(const char* name);
 // Where the file for url is cached: <local folder>/cache/network/<cache name>/<url path>.
+// A URL that names a folder ("http://host", "http://host/dir/") is kept in that folder
+// under kFolderIndexName, so a URL never maps onto a folder of the cache.
 // Empty when the URL's path would lead outside the cache folder: a ".." part (also
-// percent-encoded or between backslashes) or a ':'.
+// percent-encoded or between backslashes) or a ':'; or when it holds a '%' that starts
+// no escape.
 klString NetworkCachePath(const char* url);
+constexpr const char* kFolderIndexName = "%index";
 
 // The working folder (in the platform's own separators); false when it cannot be read.
 bool GetCurrentDir(klString* dir);
@@ -173,6 +177,7 @@ public:
     }
     void Reserve(uint32_t) override {}
     uint32_t Tell() override { return mFile ? static_cast<uint32_t>(std::ftell(mFile)) : 0; }
+    bool Truncate(uint32_t size) override { return mFile && kl::platform::TruncateFile(mFile, size); }
 
 private:
     FILE* mFile = nullptr;

@@ -1,6 +1,7 @@
 #include "keel/klhttpclient.h"
 
 #include "keel/klassert.h"
+#include "keel/klconsole.h"
 #include "keel/kllifetime.h"
 #include "keel/kllock.h"
 #include "keel/kllockfree.h"
@@ -9,12 +10,15 @@
 #include "keel/klsystem.h"
 #include "keel/klthread.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <vector>
 
 // ---------------------------------------------------------------------------------------
@@ -64,7 +68,12 @@ public:
         *out = chosen;
         return Claim::Ready;
     }
-    static void Release(klNetworkBuf* conn) { klXchgAdd(conn->InUseCounter(), -1); }
+    // A connection goes back for reuse only when nothing is left on it: bytes past a
+    // body (or a body nobody announced) would be read as the next response.
+    static void Release(klNetworkBuf* conn) {
+        if (conn->IsConnected() && !conn->IsIdle()) conn->Close();
+        klXchgAdd(conn->InUseCounter(), -1);
+    }
 
 private:
     // The slot claimed from 0 to 1 (made on first use), or null when it is in use.
@@ -77,9 +86,10 @@ private:
         for (uint32_t i = 0; i < kSlots && mSlots[i]; ++i) {
             klNetworkBuf* slot = TryClaim(i);
             if (!slot) continue;
-            if (slot->Port() == port && kl::platform::StrICmp(slot->Host(), host) == 0 &&
-                slot->IsConnected())
-                return slot;
+            if (slot->Port() == port && kl::platform::StrICmp(slot->Host(), host) == 0 && slot->IsConnected()) {
+                if (slot->IsIdle()) return slot;
+                slot->Close(); // stray bytes or the server's close: unfit for another request
+            }
             Release(slot);
         }
         return nullptr;
@@ -152,6 +162,9 @@ void ParseHeaderLine(const char* line, bool cut, klHTTPResponseHead* head) {
             head->lastModifiedTime = klParseHTTPDate(head->lastModified);
     } else if (Prefix(line, "Date: ")) {
         if (std::sscanf(line + 6, "%29[^\r\n]", text) == 1) head->date = klParseHTTPDate(text);
+    } else if (Prefix(line, "Content-Range: bytes ")) {
+        long long first = -1;
+        if (std::sscanf(line + 21, "%lld-", &first) == 1 && first >= 0) head->rangeFirst = first;
     }
 }
 
@@ -260,6 +273,73 @@ bool klSplitHTTPURL(const char* url, char* host, char* path, uint32_t* port) {
     return true;
 }
 
+namespace {
+bool StartsWith(std::string_view text, std::string_view prefix) { return text.substr(0, prefix.size()) == prefix; }
+
+// Removes "." and ".." segments from an absolute path, as a browser does.
+std::string RemoveDotSegments(std::string_view in) {
+    std::string out;
+    auto dropLastSegment = [&out] { out.erase(std::min(out.size(), out.rfind('/'))); };
+    while (!in.empty()) {
+        if (StartsWith(in, "../") || StartsWith(in, "./")) {
+            in.remove_prefix(in[0] == '.' && in[1] == '.' ? 3 : 2);
+        } else if (StartsWith(in, "/./") || in == "/.") {
+            in.remove_prefix(2); // "/./x" goes on as "/x", "/." as "/"
+            if (in.empty()) in = "/";
+        } else if (StartsWith(in, "/../") || in == "/..") {
+            in.remove_prefix(3);
+            dropLastSegment();
+            if (in.empty()) in = "/";
+        } else if (in == "." || in == "..") {
+            in = {};
+        } else {
+            const size_t next = in.find('/', 1);
+            out.append(in.substr(0, next));
+            in.remove_prefix(next == std::string_view::npos ? in.size() : next);
+        }
+    }
+    return out;
+}
+
+// "scheme:" at the start of a reference (letters, then letters, digits, "+", "-", ".").
+bool HasScheme(std::string_view ref) {
+    const size_t colon = ref.find(':');
+    if (colon == 0 || colon == std::string_view::npos || !std::isalpha(static_cast<unsigned char>(ref[0])))
+        return false;
+    for (size_t i = 1; i < colon; ++i) {
+        const char c = ref[i];
+        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '+' && c != '-' && c != '.') return false;
+    }
+    return true;
+}
+
+// The target path of a reference without scheme or authority, against the base path.
+std::string MergePath(std::string_view basePath, std::string_view ref) {
+    const std::string_view baseNoQuery = basePath.substr(0, basePath.find('?'));
+    if (ref.empty()) return std::string(basePath);
+    if (ref[0] == '?') return std::string(baseNoQuery) + std::string(ref);
+    std::string merged = ref[0] == '/' ? std::string() : std::string(baseNoQuery.substr(0, baseNoQuery.rfind('/') + 1));
+    merged.append(ref);
+    const size_t query = merged.find('?');
+    return RemoveDotSegments(std::string_view(merged).substr(0, query)) +
+           (query == std::string::npos ? std::string() : merged.substr(query));
+}
+} // namespace
+
+bool klResolveHTTPLocation(const char* host, uint32_t port, const char* path, const char* location, char* out,
+                           size_t size) {
+    std::string_view ref(location);
+    ref = ref.substr(0, ref.find('#')); // a fragment is for the reader, never sent
+    std::string url;
+    if (StartsWithScheme(location)) url = ref;
+    else if (StartsWith(ref, "//")) url = "http:" + std::string(ref);
+    else if (HasScheme(ref)) return false;
+    else url = "http://" + std::string(host) + ":" + std::to_string(port) + MergePath(path, ref);
+    if (url.size() >= size) return false;
+    std::memcpy(out, url.c_str(), url.size() + 1);
+    return true;
+}
+
 // ---------------------------------------------------------------------------------------
 // The client
 
@@ -270,14 +350,21 @@ struct klHTTPClient::Transfer {
     int64_t firstByte;
     int64_t lastByte;
     int64_t originalFirstByte;
+    uint32_t startMs;           // when the request began, for its time limit
     int64_t bodyLength = 0;
-    int64_t received = 0;     // body bytes delivered to the response in this call
+    int64_t received = 0;       // body bytes delivered to the response in this call
+    int64_t furthest = 0;       // the furthest body offset any attempt has reached
     uint32_t responseStart = 0; // where the response stood when the call began
-    bool progressed = false;  // the current attempt delivered something
+    int32_t attempts = 0;
+    bool progressed = false;    // the current attempt took the body further than before
+    bool headSeen = false;      // some attempt read a whole response head
+    bool standard = false;      // CRLF line ends and "Cookie: "
     char lastModified[30] = {}; // held from an earlier attempt, for "If-Range: "
 };
 
 namespace {
+
+klVarRef g_standardFraming("http_standard_framing");
 
 // Writes printf-style text to the connection, however long it turns out.
 void Put(klNetworkBuf* conn, const char* format, ...) {
@@ -301,19 +388,38 @@ void Put(klNetworkBuf* conn, const char* format, ...) {
     va_end(again);
 }
 
-// Moves up to count bytes from the connection to out (null: dropped); returns how many.
-int64_t CopyBody(klNetworkBuf* conn, klStream* out, int64_t count) {
+// Moves up to count bytes from the connection to out (null: dropped); returns how many
+// were taken off the connection. *refused is set when out took fewer than given.
+int64_t CopyBody(klNetworkBuf* conn, klStream* out, int64_t count, bool* refused) {
     constexpr int64_t kChunk = 64 * 1024;
     std::unique_ptr<char[]> chunk(new char[kChunk]);
     int64_t copied = 0;
     while (copied < count) {
         const std::streamsize want = std::streamsize(count - copied < kChunk ? count - copied : kChunk);
         const std::streamsize got = conn->sgetn(chunk.get(), want);
-        if (got > 0 && out) out->Write(chunk.get(), uint32_t(got));
+        if (got > 0 && out && out->Write(chunk.get(), uint32_t(got)) < uint32_t(got)) {
+            *refused = true;
+            return copied;
+        }
         copied += got;
         if (got < want) break;
     }
     return copied;
+}
+
+// Header values must stay on their one line.
+bool SingleLine(const char* text) {
+    for (const unsigned char* p = reinterpret_cast<const unsigned char*>(text); *p; ++p)
+        if ((*p < ' ' && *p != '\t') || *p == 0x7f) return false;
+    return true;
+}
+
+// A method is a token: letters only here, which every real method is.
+bool IsToken(const char* method) {
+    size_t n = 0;
+    for (; method[n]; ++n)
+        if (!std::isalpha(static_cast<unsigned char>(method[n])) || n >= 32) return false;
+    return n > 0;
 }
 
 // The longest 301 body that is read away to keep its connection; longer ones close it.
@@ -322,7 +428,8 @@ constexpr int64_t kDiscardLimit = 64 * 1024;
 } // namespace
 
 klHTTPClient::klHTTPClient()
-    : mURL{}, mPath{}, mHost{}, mPort(80), mContentLength(0), mLastModified(0), mDate(0), mStatus(400) {}
+    : mURL{}, mPath{}, mHost{}, mPort(80), mContentLength(0), mLastModified(0), mDate(0), mStatus(400),
+      mFailure(klHTTPFailure::None), mFraming(klHTTPFraming::Configured), mTimeLimitMs(kDefaultTimeLimitMs) {}
 
 bool klHTTPClient::Split(const char* url) { return klSplitHTTPURL(url, mHost, mPath, &mPort); }
 
@@ -338,34 +445,68 @@ bool klHTTPClient::SetURL(const char* url) {
     return true;
 }
 
+namespace {
+bool SetHeaderText(klString* field, const char* text, const char* what) {
+    if (text && !SingleLine(text)) {
+        klConsoleLogger().Error("klHTTPClient: %s refused: it holds a line break or control character", what);
+        return false;
+    }
+    *field = text ? text : "";
+    return true;
+}
+} // namespace
+
 const char* klHTTPClient::GetURL() const { return mURL; }
-void klHTTPClient::SetCookie(const char* cookie) { mCookie = cookie ? cookie : ""; }
-void klHTTPClient::SetContentType(const char* type) { mContentType = type ? type : ""; }
+bool klHTTPClient::SetCookie(const char* cookie) { return SetHeaderText(&mCookie, cookie, "cookie"); }
+bool klHTTPClient::SetContentType(const char* type) { return SetHeaderText(&mContentType, type, "content type"); }
 int32_t klHTTPClient::Status() const { return mStatus; }
 int64_t klHTTPClient::ContentLength() const { return mContentLength; }
 int64_t klHTTPClient::LastModified() const { return mLastModified; }
 int64_t klHTTPClient::Date() const { return mDate; }
 
-// Lines end in a bare line feed; servers accept it, and it is what this client has
-// always sent.
+bool klHTTPClient::StandardFraming() const {
+    if (mFraming != klHTTPFraming::Configured) return mFraming == klHTTPFraming::Standard;
+    return g_standardFraming.IsBound() && g_standardFraming.GetInt() != 0;
+}
+
+bool klHTTPClient::TimeLeft(const Transfer& t) const {
+    return kl::platform::Milliseconds() - t.startMs < mTimeLimitMs;
+}
+
+void klHTTPClient::Fail(klHTTPFailure failure, const char* format, ...) {
+    mStatus = 400;
+    mFailure = failure;
+    char why[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(why, sizeof(why), format, args);
+    va_end(args);
+    klConsoleLogger().Error("klHTTPClient: %s: %s", mURL, why);
+}
+
+// By default lines end in a bare line feed and the cookie goes as "Cookie=": the servers
+// this client grew up with expect exactly that. The standard framing is the opt-in.
 void klHTTPClient::WriteRequest(klNetworkBuf* conn, const Transfer& t) {
-    Put(conn, "%s %s HTTP/1.0\n", t.method, mPath);
-    Put(conn, "Accept: */*\nAccept-Language: en-us\nUser-Agent: klHTTPClient/%s (%s)\nHost: %s\nConnection: Keep-Alive\n",
-        kVersion, klOperatingSystemDescription().Const(), mHost);
+    const char* eol = t.standard ? "\r\n" : "\n";
+    Put(conn, "%s %s HTTP/1.0%s", t.method, mPath, eol);
+    Put(conn, "Accept: */*%sAccept-Language: en-us%sUser-Agent: klHTTPClient/%s (%s)%sHost: %s", eol, eol, kVersion,
+        klOperatingSystemDescription().Const(), eol, mHost);
+    if (t.standard && mPort != 80) Put(conn, ":%u", mPort);
+    Put(conn, "%sConnection: Keep-Alive%s", eol, eol);
     if (t.body) {
-        Put(conn, "Content-Type: %s\n", mContentType.Const());
-        Put(conn, "Content-Length: %lld\n", (long long)t.bodyLength);
+        Put(conn, "Content-Type: %s%s", mContentType.Const(), eol);
+        Put(conn, "Content-Length: %lld%s", (long long)t.bodyLength, eol);
     }
-    if (!mCookie.IsEmpty()) Put(conn, "Cookie=%s\n", mCookie.Const()); // "=", as servers of ours expect
+    if (!mCookie.IsEmpty()) Put(conn, t.standard ? "Cookie: %s%s" : "Cookie=%s%s", mCookie.Const(), eol);
     bool ranged = true;
     if (t.lastByte >= 0)
-        Put(conn, "Range: bytes=%lld-%lld\n", (long long)t.firstByte, (long long)t.lastByte);
+        Put(conn, "Range: bytes=%lld-%lld%s", (long long)t.firstByte, (long long)t.lastByte, eol);
     else if (t.firstByte != 0 || t.lastModified[0])
-        Put(conn, "Range: bytes=%lld-\n", (long long)t.firstByte);
+        Put(conn, "Range: bytes=%lld-%s", (long long)t.firstByte, eol);
     else
         ranged = false;
-    if (t.lastModified[0] && ranged) Put(conn, "If-Range: %s\n", t.lastModified);
-    Put(conn, "\n");
+    if (t.lastModified[0] && ranged) Put(conn, "If-Range: %s%s", t.lastModified, eol);
+    Put(conn, "%s", eol);
     conn->pubsync();
 }
 
@@ -383,6 +524,15 @@ void klHTTPClient::SendBody(klNetworkBuf* conn, const Transfer& t) {
     conn->pubsync();
 }
 
+bool klHTTPClient::FollowLocation(const klHTTPResponseHead& head) {
+    char target[kTextSize];
+    if (head.locationCut || !klResolveHTTPLocation(mHost, mPort, mPath, head.location, target, sizeof(target)) ||
+        !Split(target))
+        return false;
+    std::memcpy(mURL, target, std::strlen(target) + 1);
+    return true;
+}
+
 bool klHTTPClient::ReadResponseHead(klNetworkBuf* conn, Transfer& t) {
     mStatus = 400;
     mContentLength = 0;
@@ -394,13 +544,15 @@ bool klHTTPClient::ReadResponseHead(klNetworkBuf* conn, Transfer& t) {
     mLastModified = head.lastModifiedTime;
     mDate = head.date;
     if (head.lastModified[0]) std::memcpy(t.lastModified, head.lastModified, sizeof(t.lastModified));
-    if (!complete || !head.hasLocation) return complete;
-
-    // A target without a host stays on this server.
-    const int len = head.location[0] == '/'
-                        ? std::snprintf(mURL, sizeof(mURL), "http://%s:%u%s", mHost, mPort, head.location)
-                        : std::snprintf(mURL, sizeof(mURL), "%s", head.location);
-    if (head.locationCut || len >= int(sizeof(mURL)) || !Split(mURL)) {
+    if (!complete) return false;
+    t.headSeen = true;
+    // A resumed body must go on from the byte asked for, or the copy would be spliced wrong.
+    if (mStatus == 206 && t.received > 0 && head.rangeFirst >= 0 && head.rangeFirst != t.firstByte) {
+        Fail(klHTTPFailure::Incomplete, "resumed at byte %lld instead of %lld", (long long)head.rangeFirst,
+             (long long)t.firstByte);
+        return true;
+    }
+    if (head.hasLocation && !FollowLocation(head)) {
         std::printf("Error: Could not parse: %s\n", head.location);
         std::fflush(stdout);
         mStatus = 404;
@@ -408,25 +560,42 @@ bool klHTTPClient::ReadResponseHead(klNetworkBuf* conn, Transfer& t) {
     return true;
 }
 
+// A resume answered with anything but 206 carries the whole resource (perhaps a newer
+// one): what the response holds of the old one must go, or the two would be spliced.
+bool klHTTPClient::Restart(Transfer& t) {
+    t.response->Seek(klSeekStart, int32_t(t.responseStart));
+    if (!t.response->Truncate(t.responseStart)) {
+        Fail(klHTTPFailure::ResponseWrite, "the body started over and the response stream cannot be cut back");
+        return false;
+    }
+    t.received = 0;
+    t.firstByte = t.originalFirstByte;
+    return true;
+}
+
 klHTTPClient::Outcome klHTTPClient::ReceiveBody(klNetworkBuf* conn, Transfer& t) {
     if (mStatus == 400) {
         conn->Close(); // whatever follows an unreadable head would poison the next request
-        return Outcome::Done;
+        return mFailure == klHTTPFailure::None ? Outcome::Done : Outcome::Failed;
     }
     if (mContentLength == 0 || std::strcmp(t.method, "HEAD") == 0) return Outcome::Done;
     if (t.lastByte >= 0 && mContentLength > t.lastByte - t.firstByte + 1) {
         conn->Close();
         return Outcome::Done;
     }
-    if (t.received > 0 && mStatus != 206) {
-        // The server sent the whole resource again instead of the rest: start it over.
-        t.response->Seek(klSeekStart, int32_t(t.responseStart));
-        t.received = 0;
-        t.firstByte = t.originalFirstByte;
-    }
-    const int64_t copied = CopyBody(conn, t.response, mContentLength);
+    if (t.received > 0 && mStatus != 206 && !Restart(t)) return Outcome::Failed;
+    bool refused = false;
+    const int64_t copied = CopyBody(conn, t.response, mContentLength, &refused);
     t.received += copied;
-    t.progressed = copied > 0;
+    if (refused) {
+        Fail(klHTTPFailure::ResponseWrite, "the response stream refused the body after %lld bytes",
+             (long long)t.received);
+        return Outcome::Failed;
+    }
+    // Offsets count from the request's own first byte; bytes sent again are no progress.
+    const int64_t reached = t.firstByte - t.originalFirstByte + copied;
+    t.progressed = reached > t.furthest;
+    if (t.progressed) t.furthest = reached;
     if (copied == mContentLength) return Outcome::Done;
     t.firstByte += copied;
     return Outcome::Broken;
@@ -437,32 +606,46 @@ klHTTPClient::Outcome klHTTPClient::Attempt(klNetworkBuf* conn, Transfer& t) {
     if (!conn->IsConnected()) return Outcome::Broken;
     SendBody(conn, t);
     if (!ReadResponseHead(conn, t)) return Outcome::Broken;
+    if (mFailure != klHTTPFailure::None) return Outcome::Failed;
     if (mStatus != 301) return ReceiveBody(conn, t);
     // A HEAD answer has no body to read away, whatever its length says.
     if (std::strcmp(t.method, "HEAD") == 0) return Outcome::Redirect;
-    if (mContentLength > kDiscardLimit || CopyBody(conn, nullptr, mContentLength) != mContentLength)
+    bool refused = false;
+    if (mContentLength > kDiscardLimit || CopyBody(conn, nullptr, mContentLength, &refused) != mContentLength)
         conn->Close();
     return Outcome::Redirect;
 }
 
-// Runs attempts on conn until one completes; a broken one reconnects and sends again,
-// until kMaxStalledAttempts in a row have delivered nothing new. Releases conn.
+// Runs attempts on conn until one completes or the bounds are reached; a broken one
+// reconnects and sends again. Releases conn.
 int32_t klHTTPClient::Exchange(klNetworkBuf* conn, Transfer& t, bool* redirect) {
     int32_t stalled = 0;
     for (;;) {
+        if (!TimeLeft(t)) {
+            Fail(klHTTPFailure::TimeLimit, "gave up after %u ms", mTimeLimitMs);
+            break;
+        }
+        ++t.attempts;
         t.progressed = false;
         const Outcome outcome = Attempt(conn, t);
+        if (outcome == Outcome::Failed) break;
         if (outcome != Outcome::Broken) {
             *redirect = outcome == Outcome::Redirect;
             break;
         }
         stalled = t.progressed ? 0 : stalled + 1;
-        if (stalled >= kMaxStalledAttempts) {
-            conn->Close();
+        if (stalled >= kMaxStalledAttempts || t.attempts >= kMaxAttempts) {
+            if (t.headSeen)
+                Fail(klHTTPFailure::Incomplete, "body ended at %lld of %lld bytes after %d attempts",
+                     (long long)t.received, (long long)mContentLength, t.attempts);
+            else
+                Fail(klHTTPFailure::NoResponse, "no response after %d attempts", t.attempts);
             break;
         }
         conn->Open(mHost, int32_t(mPort)); // a failure shows as the next broken attempt
     }
+    if (mFailure != klHTTPFailure::None) conn->Close();
+    conn->SetReadDeadline(0, 0);
     klHTTPConnectionPool::Release(conn);
     return mStatus;
 }
@@ -470,12 +653,18 @@ int32_t klHTTPClient::Exchange(klNetworkBuf* conn, Transfer& t, bool* redirect) 
 int32_t klHTTPClient::Request(const char* method, klStream* body, klStream* response, int32_t maxRedirects,
                               int64_t firstByte, int64_t lastByte) {
     mStatus = 400;
+    mFailure = klHTTPFailure::None;
     mReply.Clear(false);
     if (!klAssert(response != NULL) || !method) return 400;
     if (!klAssertAs(maxRedirects >= 0, "maxredirects >= 0")) maxRedirects = 0;
     if (!klAssert(klSingleton<klHTTPConnectionPool>::IsLive())) return 400;
+    if (!IsToken(method)) {
+        Fail(klHTTPFailure::Refused, "method refused: not a plain word");
+        return mStatus;
+    }
 
-    Transfer t{method, body, response, firstByte, lastByte, firstByte};
+    Transfer t{method, body, response, firstByte, lastByte, firstByte, kl::platform::Milliseconds()};
+    t.standard = StandardFraming();
     t.responseStart = response->Tell();
     if (body) {
         const uint32_t at = body->Tell();
@@ -488,13 +677,20 @@ int32_t klHTTPClient::Request(const char* method, klStream* body, klStream* resp
         klNetworkBuf* conn = nullptr;
         klHTTPConnectionPool::Claim claim;
         while ((claim = klSingleton<klHTTPConnectionPool>::Instance()->Acquire(mHost, mPort, &conn)) ==
-               klHTTPConnectionPool::Claim::Busy)
+               klHTTPConnectionPool::Claim::Busy) {
+            if (!TimeLeft(t)) {
+                Fail(klHTTPFailure::TimeLimit, "no free connection within %u ms", mTimeLimitMs);
+                return mStatus;
+            }
             klSleep(10);
+        }
         if (claim == klHTTPConnectionPool::Claim::Failed) {
             std::printf("Error: Could not connect to host at %s.\n", mHost);
             std::fflush(stdout);
+            mFailure = klHTTPFailure::Connect;
             return 400;
         }
+        conn->SetReadDeadline(t.startMs, mTimeLimitMs);
         bool redirect = false;
         Exchange(conn, t, &redirect);
         if (!redirect) return mStatus;

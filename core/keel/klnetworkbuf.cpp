@@ -2,6 +2,7 @@
 
 #include "keel/klassert.h"
 #include "keel/kllockfree.h"
+#include "keel/klplatform.h"
 
 #include <cctype>
 #include <climits>
@@ -93,6 +94,26 @@ bool klNetworkBuf::IsConnected() {
     return false;
 }
 
+bool klNetworkBuf::IsIdle() {
+    if (!IsConnected()) return false;
+    return gptr() == egptr() && kl::net::WaitReadable(mSocket, 0) == 0;
+}
+
+void klNetworkBuf::SetReadDeadline(uint32_t startMs, uint32_t budgetMs) {
+    mDeadlineStart = startMs;
+    mDeadlineBudget = budgetMs;
+}
+
+// How long the next read may wait: kReceiveLimitMs, or less when the deadline is near;
+// 0 once it has passed.
+uint32_t klNetworkBuf::ReadWaitMs() const {
+    if (mDeadlineBudget == 0) return kReceiveLimitMs;
+    const uint32_t elapsed = kl::platform::Milliseconds() - mDeadlineStart; // wraps safely
+    if (elapsed >= mDeadlineBudget) return 0;
+    const uint32_t left = mDeadlineBudget - elapsed;
+    return left < kReceiveLimitMs ? left : kReceiveLimitMs;
+}
+
 klNetworkBuf::int_type klNetworkBuf::overflow(int_type c) {
     klAssert(pbase());
     const bool eof = traits_type::eq_int_type(c, traits_type::eof());
@@ -118,7 +139,8 @@ klNetworkBuf::int_type klNetworkBuf::overflow(int_type c) {
 klNetworkBuf::int_type klNetworkBuf::underflow() {
     klAssert(mGetSize <= (size_t)S32_MAX);
     if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
-    if (kl::net::WaitReadable(mSocket, kReceiveLimitMs) == 1) {
+    const uint32_t wait = ReadWaitMs();
+    if (wait > 0 && kl::net::WaitReadable(mSocket, wait) == 1) {
         const int32_t got = kl::net::Recv(mSocket, mGetBuffer, int32_t(mGetSize));
         if (got > 0) {
             setg(mGetBuffer, mGetBuffer, mGetBuffer + got);

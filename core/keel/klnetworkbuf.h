@@ -64,6 +64,12 @@ public:
     // Polls without waiting; a socket that is not writable or shows an error is no
     // longer counted as connected.
     bool IsConnected();
+    // Connected, with no received byte left unread and nothing (data or the peer's close)
+    // waiting on the socket: only such a connection may carry another request.
+    bool IsIdle();
+    // Reads give up once budgetMs have passed since startMs (kl::platform::Milliseconds);
+    // budgetMs 0 lifts the limit. Each read still waits kReceiveLimitMs at most.
+    void SetReadDeadline(uint32_t startMs, uint32_t budgetMs);
 
     const char* Host() const { return mHost; }
     uint32_t Port() const { return mPort; }
@@ -84,6 +90,7 @@ private:
     void ResetAreas();
     void ShutdownSocket();
     bool Resolve(const char* name, uint32_t* address);
+    uint32_t ReadWaitMs() const;
 
     kl::net::Socket mSocket;
     char* mGetBuffer;
@@ -95,4 +102,6 @@ private:
     uint32_t mReserved;
     uint32_t mPort;
     int32_t mInUse;
+    uint32_t mDeadlineStart = 0;
+    uint32_t mDeadlineBudget = 0; // 0: reads wait kReceiveLimitMs each, however many
 };

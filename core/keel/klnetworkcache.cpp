@@ -1,10 +1,13 @@
 #include "keel/klnetworkcache.h"
 
 #include "keel/klfilesystem.h"
+#include "keel/klfileplatform.h"
 #include "keel/klhttpclient.h"
+#include "keel/kllog.h"
 #include "keel/klplatform.h"
 #include "keel/klthread.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -17,10 +20,14 @@ void CreateFoldersFor(const klString& path) {
 }
 
 // Opens path, waiting while another writer or reader holds it; null after
-// kContentionTries.
+// kContentionTries, and at once for a lasting fault (a missing folder, no permission).
 FILE* OpenContended(const klString& path, const char* mode) {
     for (uint32_t attempt = 0; attempt < klNetworkCache::kContentionTries; ++attempt) {
         if (FILE* fp = klFileSystem::Open(path.Const(), mode)) return fp;
+        if (!kl::platform::OpenFailureIsTransient()) {
+            klConsoleLogger().Error("Network cache: cannot open %s: %s", path.Const(), std::strerror(errno));
+            return nullptr;
+        }
         std::printf("Contention Issue\n");
         std::fflush(stdout);
         klSleep(100);
@@ -41,18 +48,34 @@ bool IsCurrent(const klString& path, const klHTTPClient& client) {
            size == static_cast<uint64_t>(client.ContentLength()) && modified == client.LastModified();
 }
 
-// GETs the URL into the cache file; the status, or 400 when the file cannot be opened.
+// Whether the body in file is whole and on the disk: every byte the server announced,
+// written without error (a full disk shows here at the latest).
+bool Complete(klFileStream& file, const klHTTPClient& client) {
+    FILE* fp = file.File();
+    return std::fflush(fp) == 0 && !std::ferror(fp) && kl::platform::TellFile(fp) == client.ContentLength();
+}
+
+// GETs the URL into the cache file; the status, or 400 when the file cannot be opened or
+// the body did not reach it whole. A failed download leaves no file behind.
 int32_t Download(klHTTPClient& client, const klString& path) {
     CreateFoldersFor(path);
     FILE* fp = OpenContended(path, "wb");
     if (!fp) return 400;
     klFileStream file(fp);
-    const int32_t status = client.Request("GET", nullptr, &file);
+    int32_t status = client.Request("GET", nullptr, &file);
+    const bool success = status >= 200 && status <= 299;
+    if (success && !Complete(file, client)) {
+        klConsoleLogger().Error("Network cache: %s could not be written whole to %s", client.GetURL(), path.Const());
+        status = 400;
+    }
     file.Close();
+    if (status < 200 || status > 299) {
+        kl::platform::UnlinkFile(path.Const());
+        return status;
+    }
     // The server's time marks the copy as current; without one it is fetched again
     // next time rather than trusted forever.
-    if (status >= 200 && status <= 299 && client.LastModified() != 0)
-        kl::platform::SetFileTimes(path.Const(), client.LastModified());
+    if (client.LastModified() != 0) kl::platform::SetFileTimes(path.Const(), client.LastModified());
     return status;
 }
 
@@ -89,8 +112,8 @@ bool Prepare(const char* url, klString* local) {
     return true;
 }
 
-void Upload(const char* url) {
-    const klString path = klFileSystem::NetworkCachePath(url);
+void Upload(const char* url, const char* local) {
+    const klString path(local ? local : "");
     klHTTPClient client;
     if (path.IsEmpty() || !client.SetURL(url)) return;
     FILE* fp = OpenContended(path, "rb");

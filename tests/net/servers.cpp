@@ -113,13 +113,14 @@ void CloseSocket(int32_t s) {
 TestServer::~TestServer() = default;
 
 // The ctest fixture started a "basic" server on the host and named its port in a file.
-bool StartFaultServer(TestServer* server, const char* scenario) {
+bool StartFaultServer(TestServer* server, const char* scenario, int) {
     const char* portfile = std::getenv("KEEL_NET_FIXTURE_PORTFILE");
     if (!portfile || std::strcmp(scenario, "basic") != 0) return false;
     std::istringstream line(ReadWholeFile(portfile));
     return bool(line >> server->port) && server->port > 0;
 }
 bool StartNginx(TestServer*) { return false; }
+bool StartApache(TestServer*) { return false; }
 
 #else
 
@@ -201,7 +202,26 @@ std::string NginxConfig(const TestServer& s) {
     for (int i = 0; i <= 10; ++i)
         c += "    location = /chain/" + std::to_string(i) + " { return 301 " +
              (i < 10 ? "/chain/" + std::to_string(i + 1) : std::string("/chain.txt")) + "; }\n";
-    c += "    location = /found { return 302 /chain.txt; }\n  }\n}\n";
+    c += "    location = /found { return 302 /chain.txt; }\n";
+    c += "    location = /old { return 301 /data.bin; }\n  }\n}\n";
+    return c;
+}
+
+const char* FindApache() {
+    for (const char* path : {"/usr/sbin/apache2", "/usr/sbin/httpd"})
+        if (access(path, X_OK) == 0) return path;
+    return nullptr;
+}
+
+std::string ApacheConfig(const TestServer& s) {
+    std::string c = "ServerRoot " + s.dir + "\nServerName 127.0.0.1\nListen 127.0.0.1:" + std::to_string(s.port) + "\n";
+    for (const char* module : {"mpm_event", "authz_core", "alias", "mime"})
+        c += std::string("LoadModule ") + module + "_module /usr/lib/apache2/modules/mod_" + module + ".so\n";
+    // Started as root it serves as "daemon", which must be able to read the folder.
+    c += "User daemon\nGroup daemon\nPidFile " + s.dir + "/httpd.pid\nMutex file:" + s.dir + "\n";
+    c += "TypesConfig /etc/mime.types\nDocumentRoot " + s.root + "\n<Directory " + s.root + ">\n  Require all granted\n</Directory>\n";
+    c += "ErrorLog " + s.dir + "/error.log\nLogFormat \"%{remote}p %r %>s\" keel\nCustomLog " + s.dir + "/access.log keel\n";
+    c += "KeepAlive On\nMaxKeepAliveRequests 0\nKeepAliveTimeout 60\nRedirect permanent /old /data.bin\n";
     return c;
 }
 
@@ -222,11 +242,30 @@ bool StartNginx(TestServer* server) {
     return WaitUntilUp(server);
 }
 
-bool StartFaultServer(TestServer* server, const char* scenario) {
+bool StartApache(TestServer* server) {
+    const char* apache = FindApache();
+    if (!apache || !MakeTempDir(server)) return false;
+    server->root = server->dir + "/www";
+    fs::create_directories(server->root);
+    for (const fs::path& folder : {fs::path(server->dir), fs::path(server->root)})
+        fs::permissions(folder, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                                    fs::perms::others_read | fs::perms::others_exec);
+    server->port = UnusedPort();
+    const std::string conf = server->dir + "/httpd.conf";
+    std::ofstream(conf) << ApacheConfig(*server);
+    // -X: one process in the foreground, which SIGTERM ends.
+    const char* argv[] = {apache, "-f", conf.c_str(), "-X", nullptr};
+    server->pid = Spawn(argv, -1, -1);
+    return WaitUntilUp(server);
+}
+
+bool StartFaultServer(TestServer* server, const char* scenario, int upstream) {
     int in[2], out[2];
     if (!MakeTempDir(server) || pipe(in) != 0 || pipe(out) != 0) return false;
     server->requests = server->dir + "/requests.log";
-    const char* argv[] = {"python3", KEEL_NET_FAULT_SERVER, scenario, server->requests.c_str(), nullptr};
+    const std::string upstreamPort = std::to_string(upstream);
+    const char* argv[] = {"python3", KEEL_NET_FAULT_SERVER, scenario, server->requests.c_str(), "--upstream",
+                          upstreamPort.c_str(), nullptr};
     server->pid = Spawn(argv, in[0], out[1]);
     close(in[0]);
     close(out[1]);

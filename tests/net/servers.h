@@ -7,8 +7,14 @@
 //   access log lines "<connection serial> <request line> <status>". /chain/0 .. /chain/9
 //   each answer 301 to the next, /chain/10 301 to /chain.txt; /found 302 to /chain.txt.
 //
+//   StartApache: a private Apache httpd (a strict parser: bare line feeds and header lines
+//   without a colon get 400) with the same document root layout, keep-alive, access log
+//   lines "<client port> <request line> <status>", and /old 301 to /data.bin.
+//   nginx has /old too.
+//
 //   StartFaultServer: tests/net/fault_server.py under python3, one scenario per process;
-//   every request head it receives is appended raw to `requests`. Under wine no process
+//   every request head it receives is appended raw to `requests`, each connection's first
+//   after a line "CONNECT". upstream: the port "cutproxy" forwards to. Under wine no process
 //   can be started: only "basic" works, served by the ctest fixture on the host, whose
 //   port is in the file named by KEEL_NET_FIXTURE_PORTFILE (and StartNginx fails).
 #pragma once
@@ -37,7 +43,8 @@ struct TestServer {
 };
 
 bool StartNginx(TestServer* server);
-bool StartFaultServer(TestServer* server, const char* scenario);
+bool StartApache(TestServer* server);
+bool StartFaultServer(TestServer* server, const char* scenario, int upstream = 0);
 
 // Writes bytes to root + "/" + relative (folders created); false on failure.
 bool WriteServerFile(const TestServer& server, const char* relative, const std::string& bytes);

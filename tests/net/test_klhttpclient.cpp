@@ -1,4 +1,6 @@
 // klHTTPClient against a private nginx and the scripted fault server, plus its parsers.
+#include "keel/klconsole.h"
+#include "keel/klfilesystem.h"
 #include "keel/klhttpclient.h"
 #include "keel/kllifetime.h"
 #include "keel/klsystem.h"
@@ -10,6 +12,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
+#include <random>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -39,6 +43,11 @@ struct StringStream : klStream {
     }
     void Reserve(uint32_t) override {}
     uint32_t Tell() override { return pos; }
+    bool Truncate(uint32_t size) override {
+        data.resize(std::min<size_t>(data.size(), size));
+        pos = std::min<uint32_t>(pos, size);
+        return true;
+    }
     std::string data;
     uint32_t pos = 0;
 };
@@ -81,6 +90,26 @@ TEST(klHTTPClient, ParsesTheThreeDateForms) {
     for (const char* bad : {"", "yesterday", "Sun, 06 Foo 1994 08:49:37 GMT", "Sun, 32 Nov 1994 08:49:37 GMT",
                             "Sun, 06 Nov 1994 25:49:37 GMT"})
         EXPECT_EQ(klParseHTTPDate(bad), 0) << bad;
+}
+
+TEST(klHTTPClient, ResolvesLocationsLikeABrowser) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"g", "/a/b/g"}, {"./g", "/a/b/g"}, {"g/", "/a/b/g/"}, {"/g", "/g"}, {"?y", "/a/b/c?y"},
+        {"g?y/./x", "/a/b/g?y/./x"}, {"#s", "/a/b/c?q"}, {"g#s", "/a/b/g"}, {"", "/a/b/c?q"}, {".", "/a/b/"},
+        {"..", "/a/"}, {"../g", "/a/g"}, {"../..", "/"}, {"../../../g", "/g"}, {"/./g", "/g"},
+        {"/../g", "/g"}, {"g.", "/a/b/g."}, {"..g", "/a/b/..g"}, {"./../g", "/a/g"}, {"g/./h", "/a/b/g/h"},
+        {"g/../h", "/a/b/h"}, {"//other:81/x", "<>http://other:81/x"}, {"HTTP://o/x#f", "<>HTTP://o/x"},
+        {"https://o/", nullptr}, {"mailto:a@b", nullptr}};
+    for (const auto& [location, want] : cases) {
+        char out[klHTTPClient::kTextSize];
+        const bool ok = klResolveHTTPLocation("h", 8080, "/a/b/c?q", location, out, sizeof(out));
+        EXPECT_EQ(ok, want != nullptr) << location;
+        if (!ok || !want) continue;
+        const std::string expected = std::strncmp(want, "<>", 2) == 0 ? want + 2 : std::string("http://h:8080") + want;
+        EXPECT_EQ(std::string(out), expected) << location;
+    }
+    char tiny[16];
+    EXPECT_FALSE(klResolveHTTPLocation("h", 80, "/", "a-long-name", tiny, sizeof(tiny)));
 }
 
 TEST(klHTTPClient, ReadsResponseHeads) {
@@ -224,14 +253,19 @@ TEST(klHTTPClientFaults, WritesTheRequestAsDocumented) {
     if (!keelnet::StartFaultServer(&server, "basic")) GTEST_SKIP() << "python3 is not installed or did not start";
     klHTTPClient client;
     StringStream out;
-    client.SetCookie("id=42");
+    EXPECT_TRUE(client.SetCookie("id=42"));
+    // Line breaks would forge header lines: refused, the old values stay.
+    EXPECT_FALSE(client.SetCookie("a=1\nX-Injected: yes"));
+    EXPECT_FALSE(client.SetContentType("text/plain\r\nX-Injected: yes"));
     ASSERT_TRUE(client.SetURL(server.Url("/file").c_str()));
+    EXPECT_EQ(client.Request("GET /x HTTP/1.0\n", nullptr, &out), 400);
+    EXPECT_EQ(client.Failure(), klHTTPFailure::Refused);
     EXPECT_EQ(client.Request("GET", nullptr, &out), 200);
     EXPECT_EQ(out.data, "hello");
     EXPECT_EQ(client.LastModified(), 784111777);
     EXPECT_EQ(client.Date(), 784111777);
     if (server.requests.empty()) return;
-    EXPECT_EQ(server.RequestLog(), std::string("GET /file HTTP/1.0\nAccept: */*\nAccept-Language: en-us\n") +
+    EXPECT_EQ(server.RequestLog(), std::string("CONNECT\nGET /file HTTP/1.0\nAccept: */*\nAccept-Language: en-us\n") +
                                        "User-Agent: klHTTPClient/1.0 (" + klOperatingSystemDescription().Const() +
                                        ")\nHost: 127.0.0.1\nConnection: Keep-Alive\nCookie=id=42\n\n");
 }
@@ -240,25 +274,34 @@ TEST(klHTTPClientFaults, WritesTheRequestAsDocumented) {
 // what it printed and how often the server saw each needle.
 TEST(klHTTPClientFaults, EachMisbehaviourEndsAsDocumented) {
     const std::string ifRange = "\nIf-Range: Sun, 06 Nov 1994 08:49:37 GMT\n\n";
+    constexpr klHTTPFailure None = klHTTPFailure::None, Incomplete = klHTTPFailure::Incomplete;
+    std::string newer = Pattern(300);
+    for (char& c : newer) c = char(255 - static_cast<unsigned char>(c));
     struct Row {
         const char* scenario;
         int64_t first, last;
         int32_t status;
+        klHTTPFailure failure;
         std::string body;
         double minSeconds, maxSeconds;
         const char* printed;
         std::vector<std::pair<std::string, size_t>> logged;
     } const rows[] = {
         // A broken body is resumed byte for byte from where it broke.
-        {"midclose", 0, -1, 206, Pattern(300000), 0, 60, "",
+        {"midclose", 0, -1, 206, None, Pattern(300000), 0, 60, "",
          {{"GET /file HTTP/1.0\n", 3}, {"Range: bytes=100000-" + ifRange, 1}, {"Range: bytes=200000-" + ifRange, 1}}},
         // More bytes than the range asked for: the connection is closed, not read on.
-        {"overrange", 0, 99, 206, "", 0, 1.5, "", {{"Range: bytes=0-99\n", 1}}},
-        {"silentonce", 0, -1, 200, "hello", 1.9, 6.0, "", {}}, // asked again after 2 s
-        {"longheader", 0, -1, 200, "hello", 0, 60, "", {}},
-        {"longlocation", 0, -1, 404, "", 0, 60, "Error: Could not parse: http://127.0.0.1:", {{"GET ", 1}}},
-        {"garbage", 0, -1, 400, "", 0, 60, "", {}},
-        {"dropbody", 0, -1, 200, "", 0, 3.0, "", {{"GET /file HTTP/1.0\n", 5}}}, // five empty attempts
+        {"overrange", 0, 99, 206, None, "", 0, 1.5, "", {{"Range: bytes=0-99\n", 1}}},
+        {"silentonce", 0, -1, 200, None, "hello", 1.9, 6.0, "", {}}, // asked again after 2 s
+        {"longheader", 0, -1, 200, None, "hello", 0, 60, "", {}},
+        {"longlocation", 0, -1, 404, None, "", 0, 60, "Error: Could not parse: http://127.0.0.1:", {{"GET ", 1}}},
+        {"garbage", 0, -1, 400, None, "", 0, 60, "", {}},
+        // Bodies that never complete end in a failure, never in a 2xx with part of a body.
+        {"dropbody", 0, -1, 400, Incomplete, "", 0, 3.0, "", {{"GET /file HTTP/1.0\n", 3}}},
+        {"stuck", 0, -1, 400, Incomplete, Pattern(400), 0, 3.0, "", {{"GET /file", 4}, {"Range: bytes=400-", 3}}},
+        {"norange", 0, -1, 400, Incomplete, Pattern(400), 0, 3.0, "", {{"GET /file", 4}}},
+        // The resource changed under a resume: the answer holds the new body alone.
+        {"changed", 0, -1, 200, None, newer, 0, 3.0, "", {{"Range: bytes=500-" + ifRange, 1}}},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.scenario);
@@ -270,6 +313,7 @@ TEST(klHTTPClientFaults, EachMisbehaviourEndsAsDocumented) {
         const auto start = std::chrono::steady_clock::now();
         testing::internal::CaptureStdout();
         EXPECT_EQ(client.Request("GET", nullptr, &out, 5, row.first, row.last), row.status);
+        EXPECT_EQ(client.Failure(), row.failure);
         const std::string printed = testing::internal::GetCapturedStdout();
         EXPECT_TRUE(out.data == row.body) << out.data.size() << " bytes";
         EXPECT_GE(SecondsSince(start), row.minSeconds);
@@ -277,6 +321,108 @@ TEST(klHTTPClientFaults, EachMisbehaviourEndsAsDocumented) {
         EXPECT_EQ(printed.rfind(row.printed, 0), 0u) << printed;
         for (const auto& [needle, times] : row.logged) EXPECT_EQ(Count(server.RequestLog(), needle), times) << needle;
     }
+}
+
+// Bytes left on a kept-alive connection (past Content-Length, a HEAD answer's body, a body
+// without a length) must not become the next response.
+TEST(klHTTPClientFaults, ConnectionsWithLeftoversAreNotReused) {
+    for (const auto& [method, path] : {std::pair{"GET", "/more"}, {"HEAD", "/file"}, {"GET", "/nolength"}}) {
+        SCOPED_TRACE(path);
+        keelnet::TestServer server;
+        if (!keelnet::StartFaultServer(&server, "leftovers")) GTEST_SKIP() << "python3 is not installed or did not start";
+        klHTTPClient client;
+        StringStream out;
+        ASSERT_TRUE(client.SetURL(server.Url(path).c_str()));
+        EXPECT_EQ(client.Request(method, nullptr, &out), 200);
+        ASSERT_TRUE(client.SetURL(server.Url("/file").c_str()));
+        EXPECT_EQ(client.Request("GET", nullptr, &(out = StringStream())), 200);
+        EXPECT_EQ(out.data, "hello");
+        EXPECT_EQ(Count(server.RequestLog(), "CONNECT\n"), 2u);
+    }
+}
+
+TEST(klHTTPClientFaults, FollowsRelativeLocationsAndEndsInTime) {
+    keelnet::TestServer server;
+    if (!keelnet::StartFaultServer(&server, "relative")) GTEST_SKIP() << "python3 is not installed or did not start";
+    klHTTPClient client;
+    StringStream out;
+    ASSERT_TRUE(client.SetURL(server.Url("/a/b/start").c_str()));
+    EXPECT_EQ(client.Request("GET", nullptr, &out), 200);
+    EXPECT_EQ(out.data, "hello");
+    EXPECT_EQ(std::string(client.GetURL()), server.Url("/final?x=1"));
+    EXPECT_EQ(Count(server.RequestLog(), "GET /a/c/hop "), 1u);
+
+    keelnet::TestServer silent;
+    if (!keelnet::StartFaultServer(&silent, "silentonce")) GTEST_SKIP() << "python3 did not start";
+    client.SetTimeLimit(700);
+    ASSERT_TRUE(client.SetURL(silent.Url("/x").c_str()));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(client.Request("GET", nullptr, &out), 400);
+    EXPECT_EQ(client.Failure(), klHTTPFailure::TimeLimit);
+    EXPECT_LT(SecondsSince(start), 1.5);
+}
+
+// Both framings against a lenient server (nginx) and a strict one (Apache httpd): GET,
+// HEAD, a range, a 301, one kept-alive connection for all of them, a download resumed
+// after a proxy cut it off, and a fetch through the http:// cache.
+TEST(klHTTPClientRealServers, BothFramings) {
+    struct Server {
+        const char* name;
+        bool (*start)(keelnet::TestServer*);
+        bool takesLegacy;
+    } const servers[] = {{"nginx", keelnet::StartNginx, true}, {"apache", keelnet::StartApache, false}};
+    const std::string body = Pattern(100000);
+    const auto cache = std::filesystem::temp_directory_path() / ("klrs-" + std::to_string(std::random_device()()));
+    klFileSystem::SetLogDir(cache.string().c_str());
+    for (const Server& s : servers)
+        for (const klHTTPFraming framing : {klHTTPFraming::Legacy, klHTTPFraming::Standard}) {
+            SCOPED_TRACE(std::string(s.name) + (framing == klHTTPFraming::Legacy ? " legacy" : " standard"));
+            keelnet::TestServer server;
+            if (!s.start(&server)) GTEST_SKIP() << s.name << " is not installed or did not start";
+            ASSERT_TRUE(keelnet::WriteServerFile(server, "data.bin", body));
+            // An hour old, so that its date is a strong validator for If-Range.
+            const auto file = std::filesystem::path(server.root) / "data.bin";
+            std::filesystem::last_write_time(file, std::filesystem::last_write_time(file) - std::chrono::hours(1));
+            klHTTPClient client;
+            client.SetFraming(framing);
+            client.SetCookie("id=42");
+            StringStream out;
+            auto get = [&](const std::string& url, const char* method = "GET", int64_t first = 0, int64_t last = -1) {
+                out = StringStream();
+                EXPECT_TRUE(client.SetURL(url.c_str()));
+                return client.Request(method, nullptr, &out, 5, first, last);
+            };
+            if (!s.takesLegacy && framing == klHTTPFraming::Legacy) {
+                EXPECT_EQ(get(server.Url("/data.bin")), 400);
+                continue;
+            }
+            EXPECT_EQ(get(server.Url("/data.bin")), 200);
+            EXPECT_TRUE(out.data == body);
+            EXPECT_EQ(get(server.Url("/data.bin"), "HEAD"), 200);
+            EXPECT_EQ(client.ContentLength(), 100000);
+            EXPECT_EQ(get(server.Url("/data.bin"), "GET", 10, 19), 206);
+            EXPECT_EQ(out.data, body.substr(10, 10));
+            EXPECT_EQ(get(server.Url("/old")), 200);
+            EXPECT_EQ(std::string(client.GetURL()), server.Url("/data.bin"));
+            EXPECT_EQ(Connections(server.AccessLog()), 1u) << server.AccessLog();
+
+            keelnet::TestServer proxy;
+            if (!keelnet::StartFaultServer(&proxy, "cutproxy", server.port)) GTEST_SKIP() << "python3 did not start";
+            EXPECT_EQ(get(proxy.Url("/data.bin")), 206);
+            EXPECT_TRUE(out.data == body) << out.data.size();
+            EXPECT_EQ(Count(proxy.RequestLog(), "If-Range: "), 1u);
+
+            klSetCvar("http_standard_framing", framing == klHTTPFraming::Standard ? "1" : "0");
+            FILE* fp = klFileSystem::Open(server.Url("/data.bin").c_str(), "rb");
+            ASSERT_NE(fp, nullptr);
+            std::string cached(body.size() + 1, '\0');
+            cached.resize(std::fread(cached.data(), 1, cached.size(), fp));
+            klFileSystem::Close(fp);
+            EXPECT_TRUE(cached == body);
+        }
+    klSetCvar("http_standard_framing", "0");
+    std::error_code ignored;
+    std::filesystem::remove_all(cache, ignored);
 }
 
 } // namespace

@@ -7,7 +7,15 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <random>
+#include <thread>
+#include <vector>
+
+#ifndef _WIN32
+#include <csignal>
+#include <sys/resource.h>
+#endif
 
 namespace fs = std::filesystem;
 
@@ -116,4 +124,92 @@ TEST_F(KlNetworkCache, FailuresEndTheOpenInBoundedTime) {
     EXPECT_EQ(0u, Count(mServer.AccessLog(), "escape"));
     for (const auto& entry : fs::recursive_directory_iterator(sDir))
         EXPECT_EQ(std::string::npos, entry.path().string().find("escape")) << entry.path();
+}
+
+// What the cache keeps must be exactly the server's current bytes, or nothing.
+TEST_F(KlNetworkCache, KeepsOnlyWholeCurrentBodies) {
+    std::string newer = keelnet::Pattern(300);
+    for (char& c : newer) c = char(255 - static_cast<unsigned char>(c));
+    const std::pair<const char*, std::string> rows[] = {{"changed", newer}, {"stuck", "<failed>"}, {"norange", "<failed>"}};
+    for (const auto& [scenario, expected] : rows) {
+        SCOPED_TRACE(scenario);
+        keelnet::TestServer faults;
+        if (!keelnet::StartFaultServer(&faults, scenario)) GTEST_SKIP() << "python3 did not start";
+        const std::string url = faults.Url((std::string("/faults/") + scenario).c_str());
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_TRUE(ReadUrl(url) == expected);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+        const std::string cached = keelnet::ReadWholeFile(klFileSystem::NetworkCachePath(url.c_str()).Const());
+        EXPECT_TRUE(cached == (expected == "<failed>" ? "" : expected)) << cached.size() << " bytes kept";
+    }
+}
+
+TEST_F(KlNetworkCache, FoldersAndLastingFaults) {
+    // A bare host is "/": its file lies inside the cache folder, never on it.
+    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "index.html", "front page"));
+    const std::string bare = mServer.Url("");
+    EXPECT_EQ("front page", ReadUrl(bare));
+    EXPECT_EQ(klFileSystem::NetworkCachePath(bare.c_str()), klFileSystem::NetworkCachePath((bare + "/").c_str()));
+    EXPECT_TRUE(fs::is_regular_file(klFileSystem::NetworkCachePath(bare.c_str()).Const()));
+    EXPECT_TRUE(klFileSystem::NetworkCachePath((bare + "/a/%in").c_str()).IsEmpty());
+    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "after.txt", "still works"));
+    EXPECT_EQ("still works", ReadUrl(mServer.Url("/after.txt")));
+
+    // A file where the cache needs a folder is no contention: the open fails at once.
+    const fs::path blocker(klFileSystem::NetworkCachePath(mServer.Url("/blocked").c_str()).Const());
+    std::ofstream(blocker) << "a file";
+    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "blocked/x.bin", "x"));
+    const auto start = std::chrono::steady_clock::now();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ("<failed>", ReadUrl(mServer.Url("/blocked/x.bin")));
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+
+    // The upload reads the file that was opened, wherever the local folder has moved since.
+    FILE* fp = klFileSystem::Open(mServer.Url("/up/moved.bin").c_str(), "wb");
+    ASSERT_NE(nullptr, fp);
+    std::fputs("opened here", fp);
+    klFileSystem::SetLogDir((sDir / "elsewhere").string().c_str());
+    klFileSystem::Close(fp);
+    klFileSystem::SetLogDir((sDir / "local").string().c_str());
+    EXPECT_EQ("opened here", keelnet::ReadWholeFile(mServer.root + "/up/moved.bin"));
+
+#ifndef _WIN32
+    // A disk that fills up during the download: the open fails and no part is kept.
+    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "big.bin", keelnet::Pattern(100000)));
+    rlimit saved{};
+    getrlimit(RLIMIT_FSIZE, &saved);
+    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit small = saved;
+    small.rlim_cur = 50000;
+    setrlimit(RLIMIT_FSIZE, &small);
+    const std::string result = ReadUrl(mServer.Url("/big.bin"));
+    setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, oldHandler);
+    EXPECT_EQ("<failed>", result);
+    EXPECT_FALSE(fs::exists(klFileSystem::NetworkCachePath(mServer.Url("/big.bin").c_str()).Const()));
+#endif
+}
+
+// Several threads opening their first URLs at once all default the local folder: in a
+// fresh process (the death-test child), the first use races unless it is made once.
+TEST(KlNetworkCacheConcurrent, FirstUseOfTheLocalFolder) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const fs::path dir = fs::temp_directory_path() / ("klnc-first-" + std::to_string(std::random_device()()));
+    fs::create_directories(dir);
+    EXPECT_EXIT(
+        {
+            klFileSystem::SetCurrentDir(dir.string().c_str());
+            std::vector<std::thread> threads;
+            std::vector<std::string> seen(8);
+            for (std::string& mine : seen)
+                threads.emplace_back([&mine] { mine = klFileSystem::GetLocalAssetsDir().Const(); });
+            for (std::thread& thread : threads) thread.join();
+            bool same = !seen[0].empty();
+            for (const std::string& one : seen) same = same && one == seen[0];
+            std::exit(same ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+    std::error_code ignored;
+    fs::remove_all(dir, ignored);
 }

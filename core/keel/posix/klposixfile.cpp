@@ -38,6 +38,16 @@ int SeekFile(FILE* file, int64_t offset, int origin) {
     return fseeko(file, static_cast<off_t>(offset), whence);
 }
 
+bool TruncateFile(FILE* file, uint64_t size) {
+    return std::fflush(file) == 0 && ftruncate(fileno(file), static_cast<off_t>(size)) == 0;
+}
+
+// Linux locks nothing on open: only a shortage of descriptors or an interrupted call
+// passes by itself.
+bool OpenFailureIsTransient() {
+    return errno == EINTR || errno == EMFILE || errno == ENFILE || errno == EBUSY || errno == ETXTBSY;
+}
+
 bool FindEntries(const char* searchPath, FindVisitor visit, void* context) {
     // The folder is everything before the last separator, the pattern the rest.
     const char* slash = std::strrchr(searchPath, '/');

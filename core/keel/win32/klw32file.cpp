@@ -42,6 +42,18 @@ int SeekFile(FILE* file, int64_t offset, int origin) {
     return _fseeki64(file, offset, whence);
 }
 
+bool TruncateFile(FILE* file, uint64_t size) {
+    return fflush(file) == 0 && _chsize_s(_fileno(file), static_cast<__int64>(size)) == 0;
+}
+
+// Another process holding the file without sharing it is the contention worth waiting
+// out; the C runtime reports it as EACCES, like a real permission error, so the
+// system's own code tells them apart.
+bool OpenFailureIsTransient() {
+    const DWORD error = GetLastError();
+    return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION || errno == EMFILE;
+}
+
 bool FindEntries(const char* searchPath, FindVisitor visit, void* context) {
     struct _finddata_t entry;
     const intptr_t search = _findfirst(searchPath, &entry);
