@@ -52,14 +52,16 @@ public:
     // A connection to host:port claimed for the caller: a kept-alive one when there is
     // one, else a free slot opened afresh (an idle connection to another host is given
     // up for it when no slot is unconnected). Busy when every slot is in use.
-    Claim Acquire(const char* host, uint32_t port, klNetworkBuf** out) {
+    Claim Acquire(const char* host, uint32_t port, uint32_t startMs, uint32_t budgetMs, klNetworkBuf** out) {
         klNetworkBuf* chosen = nullptr;
         mLock.Lock();
         *out = FindKeptAlive(host, port);
         if (!*out) chosen = ClaimForOpening();
         mLock.Unlock();
+        if (*out) (*out)->SetDeadline(startMs, budgetMs);
         if (*out) return Claim::Ready;
         if (!chosen) return Claim::Busy;
+        chosen->SetDeadline(startMs, budgetMs);
         // Opened outside the lock, so that a slow connect holds up nobody else.
         if (!chosen->Open(host, int32_t(port))) {
             Release(chosen);
@@ -645,7 +647,7 @@ int32_t klHTTPClient::Exchange(klNetworkBuf* conn, Transfer& t, bool* redirect) 
         conn->Open(mHost, int32_t(mPort)); // a failure shows as the next broken attempt
     }
     if (mFailure != klHTTPFailure::None) conn->Close();
-    conn->SetReadDeadline(0, 0);
+    conn->SetDeadline(0, 0);
     klHTTPConnectionPool::Release(conn);
     return mStatus;
 }
@@ -676,7 +678,7 @@ int32_t klHTTPClient::Request(const char* method, klStream* body, klStream* resp
         if (!mPath[0]) return 400;
         klNetworkBuf* conn = nullptr;
         klHTTPConnectionPool::Claim claim;
-        while ((claim = klSingleton<klHTTPConnectionPool>::Instance()->Acquire(mHost, mPort, &conn)) ==
+        while ((claim = klSingleton<klHTTPConnectionPool>::Instance()->Acquire(mHost, mPort, t.startMs, mTimeLimitMs, &conn)) ==
                klHTTPConnectionPool::Claim::Busy) {
             if (!TimeLeft(t)) {
                 Fail(klHTTPFailure::TimeLimit, "no free connection within %u ms", mTimeLimitMs);
@@ -690,7 +692,6 @@ int32_t klHTTPClient::Request(const char* method, klStream* body, klStream* resp
             mFailure = klHTTPFailure::Connect;
             return 400;
         }
-        conn->SetReadDeadline(t.startMs, mTimeLimitMs);
         bool redirect = false;
         Exchange(conn, t, &redirect);
         if (!redirect) return mStatus;

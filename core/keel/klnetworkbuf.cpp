@@ -4,6 +4,7 @@
 #include "keel/kllockfree.h"
 #include "keel/klplatform.h"
 
+#include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstdlib>
@@ -82,7 +83,8 @@ bool klNetworkBuf::Open(const char* host, int32_t port) {
     mSocket = kl::net::OpenStream();
     if (mSocket == kl::net::kInvalidSocket) return false;
     // A socket that could not connect stays until the next Close, Open or destruction.
-    if (!kl::net::Connect(mSocket, address, uint16_t(mPort))) return false;
+    const uint32_t left = RemainingMs();
+    if (left == 0 || !kl::net::Connect(mSocket, address, uint16_t(mPort), left == UINT32_MAX ? 0 : left)) return false;
     mConnected = true;
     ResetAreas();
     return true;
@@ -99,19 +101,16 @@ bool klNetworkBuf::IsIdle() {
     return gptr() == egptr() && kl::net::WaitReadable(mSocket, 0) == 0;
 }
 
-void klNetworkBuf::SetReadDeadline(uint32_t startMs, uint32_t budgetMs) {
+void klNetworkBuf::SetDeadline(uint32_t startMs, uint32_t budgetMs) {
     mDeadlineStart = startMs;
     mDeadlineBudget = budgetMs;
 }
 
-// How long the next read may wait: kReceiveLimitMs, or less when the deadline is near;
-// 0 once it has passed.
-uint32_t klNetworkBuf::ReadWaitMs() const {
-    if (mDeadlineBudget == 0) return kReceiveLimitMs;
+// Milliseconds left before the deadline: UINT32_MAX without one, 0 once it has passed.
+uint32_t klNetworkBuf::RemainingMs() const {
+    if (mDeadlineBudget == 0) return UINT32_MAX;
     const uint32_t elapsed = kl::platform::Milliseconds() - mDeadlineStart; // wraps safely
-    if (elapsed >= mDeadlineBudget) return 0;
-    const uint32_t left = mDeadlineBudget - elapsed;
-    return left < kReceiveLimitMs ? left : kReceiveLimitMs;
+    return elapsed >= mDeadlineBudget ? 0 : mDeadlineBudget - elapsed;
 }
 
 klNetworkBuf::int_type klNetworkBuf::overflow(int_type c) {
@@ -139,7 +138,7 @@ klNetworkBuf::int_type klNetworkBuf::overflow(int_type c) {
 klNetworkBuf::int_type klNetworkBuf::underflow() {
     klAssert(mGetSize <= (size_t)S32_MAX);
     if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
-    const uint32_t wait = ReadWaitMs();
+    const uint32_t wait = std::min(RemainingMs(), kReceiveLimitMs);
     if (wait > 0 && kl::net::WaitReadable(mSocket, wait) == 1) {
         const int32_t got = kl::net::Recv(mSocket, mGetBuffer, int32_t(mGetSize));
         if (got > 0) {

@@ -30,7 +30,8 @@ bool LookupHost(const char* name, uint32_t* address);
 bool ParseDotted(const char* text, uint32_t* address);
 // An IPv4 stream socket, or kInvalidSocket.
 Socket OpenStream();
-bool Connect(Socket s, uint32_t address, uint16_t port);
+// Connects, waiting at most limitMs (0: as long as the system does).
+bool Connect(Socket s, uint32_t address, uint16_t port, uint32_t limitMs);
 // What send/recv return: the byte count, 0 when the peer closed, negative on failure.
 int32_t Send(Socket s, const char* data, int32_t count);
 int32_t Recv(Socket s, char* data, int32_t count);
@@ -67,9 +68,10 @@ public:
     // Connected, with no received byte left unread and nothing (data or the peer's close)
     // waiting on the socket: only such a connection may carry another request.
     bool IsIdle();
-    // Reads give up once budgetMs have passed since startMs (kl::platform::Milliseconds);
-    // budgetMs 0 lifts the limit. Each read still waits kReceiveLimitMs at most.
-    void SetReadDeadline(uint32_t startMs, uint32_t budgetMs);
+    // Connects and reads give up once budgetMs have passed since startMs
+    // (kl::platform::Milliseconds); budgetMs 0 lifts the limit. Each read still waits
+    // kReceiveLimitMs at most.
+    void SetDeadline(uint32_t startMs, uint32_t budgetMs);
 
     const char* Host() const { return mHost; }
     uint32_t Port() const { return mPort; }
@@ -90,7 +92,7 @@ private:
     void ResetAreas();
     void ShutdownSocket();
     bool Resolve(const char* name, uint32_t* address);
-    uint32_t ReadWaitMs() const;
+    uint32_t RemainingMs() const;
 
     kl::net::Socket mSocket;
     char* mGetBuffer;

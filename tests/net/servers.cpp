@@ -66,7 +66,7 @@ std::string Pattern(size_t n, uint32_t seed) {
     return bytes;
 }
 
-int32_t ListenLoopback(int* port) {
+int32_t ListenLoopback(int* port, int backlog) {
 #ifdef _WIN32
     [[maybe_unused]] static const int started = [] { WSADATA data; return WSAStartup(MAKEWORD(2, 2), &data); }();
 #endif
@@ -75,7 +75,7 @@ int32_t ListenLoopback(int* port) {
     at.sin_family = AF_INET;
     at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof(at);
-    if (bind(s, reinterpret_cast<sockaddr*>(&at), sizeof(at)) != 0 || listen(s, 8) != 0 ||
+    if (bind(s, reinterpret_cast<sockaddr*>(&at), sizeof(at)) != 0 || listen(s, backlog) != 0 ||
         getsockname(s, reinterpret_cast<sockaddr*>(&at), &len) != 0) {
         CloseSocket(int32_t(s));
         return -1;

@@ -54,7 +54,9 @@ std::string ReadWholeFile(const std::string& path);
 int UnusedPort();
 // For tests that play the server: a socket listening on a free loopback port (-1 on
 // failure), its next connection (-1 when none came within 5 s), and closing either.
-int32_t ListenLoopback(int* port);
+// A listener with backlog 0 that accepts nothing leaves further connects hanging on Linux
+// once one or two wait in its queue.
+int32_t ListenLoopback(int* port, int backlog = 8);
 int32_t AcceptOne(int32_t listener);
 void CloseSocket(int32_t s);
 // How often needle occurs in text (overlaps counted).

@@ -9,6 +9,14 @@
 
 #include <gtest/gtest.h>
 
+#ifndef _WIN32
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#endif
+
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -161,6 +169,37 @@ TEST(klHTTPClient, UnreachableHostsEndAt400) {
               "Error: Could not connect to host at 127.0.0.1.\nError: Could not connect to host at nonexistent.invalid.\n");
     EXPECT_LT(SecondsSince(start), 20.0);
 }
+
+#ifndef _WIN32
+// A server whose accept queue is full never answers the connect: the time limit ends it.
+TEST(klHTTPClient, AHangingConnectEndsAtTheTimeLimit) {
+    int port = 0;
+    const int32_t listener = keelnet::ListenLoopback(&port, 0);
+    ASSERT_GE(listener, 0);
+    std::vector<int> fillers;
+    for (int i = 0; i < 4; ++i) {
+        fillers.push_back(socket(AF_INET, SOCK_STREAM, 0));
+        fcntl(fillers.back(), F_SETFL, O_NONBLOCK);
+        sockaddr_in to{};
+        to.sin_family = AF_INET;
+        to.sin_port = htons(uint16_t(port));
+        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        connect(fillers.back(), reinterpret_cast<sockaddr*>(&to), sizeof(to));
+    }
+    klHTTPClient client;
+    StringStream out;
+    client.SetTimeLimit(800);
+    ASSERT_TRUE(client.SetURL(("127.0.0.1:" + std::to_string(port) + "/").c_str()));
+    const auto start = std::chrono::steady_clock::now();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(client.Request("GET", nullptr, &out), 400);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error: Could not connect to host at 127.0.0.1.\n");
+    EXPECT_EQ(client.Failure(), klHTTPFailure::Connect);
+    EXPECT_LT(SecondsSince(start), 1.5);
+    for (int s : fillers) close(s);
+    keelnet::CloseSocket(listener);
+}
+#endif
 
 class klHTTPClientNginx : public testing::Test {
 protected:

@@ -2,6 +2,7 @@
 #include "keel/klnetworkbuf.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -40,15 +41,26 @@ Socket OpenStream() {
     return s < 0 ? kInvalidSocket : Socket(s);
 }
 
-bool Connect(Socket s, uint32_t address, uint16_t port) {
+bool Connect(Socket s, uint32_t address, uint16_t port, uint32_t limitMs) {
     sockaddr_in to{};
     to.sin_family = AF_INET;
     to.sin_port = htons(port);
     to.sin_addr.s_addr = address;
-    int rc;
-    do {
-        rc = connect(s, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
-    } while (rc != 0 && errno == EINTR);
+    // With a limit the connect runs without blocking and is waited for, then the socket
+    // blocks again as the stream buffer expects.
+    const int flags = fcntl(s, F_GETFL);
+    if (limitMs) fcntl(s, F_SETFL, flags | O_NONBLOCK);
+    int rc = connect(s, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+    if (rc != 0 && (errno == EINPROGRESS || errno == EINTR)) {
+        pollfd p{s, POLLOUT, 0};
+        int error = 0;
+        socklen_t length = sizeof(error);
+        rc = poll(&p, 1, limitMs ? int(limitMs) : -1) == 1 &&
+                     getsockopt(s, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0
+                 ? 0
+                 : -1;
+    }
+    if (limitMs) fcntl(s, F_SETFL, flags);
     if (rc != 0) return false;
     // Requests are written whole and flushed once: no reason to hold the last segment back.
     const int one = 1;

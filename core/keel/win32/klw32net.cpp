@@ -29,12 +29,31 @@ Socket OpenStream() {
     return s == INVALID_SOCKET ? kInvalidSocket : Socket(s);
 }
 
-bool Connect(Socket s, uint32_t address, uint16_t port) {
+bool Connect(Socket s, uint32_t address, uint16_t port, uint32_t limitMs) {
     sockaddr_in to{};
     to.sin_family = AF_INET;
     to.sin_port = htons(port);
     to.sin_addr.s_addr = address;
-    if (connect(SOCKET(s), reinterpret_cast<const sockaddr*>(&to), sizeof(to)) != 0) return false;
+    // With a limit the connect runs without blocking and is waited for, then the socket
+    // blocks again as the stream buffer expects.
+    u_long nonBlocking = limitMs ? 1 : 0;
+    if (limitMs) ioctlsocket(SOCKET(s), FIONBIO, &nonBlocking);
+    int rc = connect(SOCKET(s), reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+    if (rc != 0 && limitMs && WSAGetLastError() == WSAEWOULDBLOCK) {
+        fd_set writable, failed;
+        FD_ZERO(&writable);
+        FD_ZERO(&failed);
+        FD_SET(SOCKET(s), &writable);
+        FD_SET(SOCKET(s), &failed);
+        timeval limit{long(limitMs / 1000), long(limitMs % 1000) * 1000};
+        rc = select(0, nullptr, &writable, &failed, &limit) > 0 && FD_ISSET(SOCKET(s), &writable) &&
+                     !FD_ISSET(SOCKET(s), &failed)
+                 ? 0
+                 : -1;
+    }
+    nonBlocking = 0;
+    if (limitMs) ioctlsocket(SOCKET(s), FIONBIO, &nonBlocking);
+    if (rc != 0) return false;
     // Requests are written whole and flushed once: no reason to hold the last segment back.
     const BOOL one = TRUE;
     setsockopt(SOCKET(s), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&one), sizeof(one));
