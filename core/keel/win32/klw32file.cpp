@@ -42,6 +42,17 @@ int SeekFile(FILE* file, int64_t offset, int origin) {
     return _fseeki64(file, offset, whence);
 }
 
+bool NamesOwnRoot(const char* part) { return strchr(part, ':') != nullptr; }
+
+bool PathExists(const char* path) {
+    return FindEntries(path, [](void*, const char*, bool) { return false; }, nullptr);
+}
+
+bool IsNonRegularFile(const char* path) {
+    struct _stati64 status;
+    return _stati64(path, &status) == 0 && (status.st_mode & _S_IFREG) == 0;
+}
+
 bool FindEntries(const char* searchPath, FindVisitor visit, void* context) {
     struct _finddata_t entry;
     const intptr_t search = _findfirst(searchPath, &entry);
