@@ -21,6 +21,9 @@ constexpr uint32_t kMemoryThresholdMB = 2047; // one below the advertised figure
 constexpr uint32_t kAdvertisedMemoryMB = 2048;
 
 constexpr int kRecordTokens = 6;
+// A database file is a few hundred kilobytes at most; a larger one in the folder is no
+// database file, and reading it would only cost the launcher memory and time.
+constexpr uint32_t kMaxDatabaseFileBytes = 16u << 20;
 
 struct Token {
     const char* begin;
@@ -181,9 +184,10 @@ void oRigwarden::GetGpuInfo(const std::vector<klString>& dirs, std::vector<vsGpu
                             uint32_t& bestIndex) {
     // One blob for every file: an empty file loads without touching it, so its turn walks
     // the previous file's records again, which changes nothing since the first record wins.
+    // A file that is no regular file (a FIFO named x.cfg) or is too large is skipped.
     klBlob blob;
     for (const klString& path : ListDatabaseFiles(dirs)) {
-        if (!klFileSystem::LoadZ(path, blob)) continue;
+        if (!klFileSystem::LoadZ(path, blob, kMaxDatabaseFileBytes)) continue;
         ApplyDatabaseText(blob.ConstPtr(0), blob.Size(), adapters);
     }
     ExplainUnlisted(adapters);

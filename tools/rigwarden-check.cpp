@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #ifndef RIGWARDEN_VERSION
 #define RIGWARDEN_VERSION "0.0.0"
@@ -50,6 +51,20 @@ klString BundledDatabase() {
     return RIGWARDEN_SOURCE_GPUDB;
 }
 
+// A snapshot folder must exist and hold proc/ or sys/: anything else would be judged as a
+// machine without processors, memory or adapters, a verdict about nothing.
+bool CheckRoot(const char* root) {
+    if (!root) return true;
+    const char* problem = nullptr;
+    if (!*root || !klFileSystem::FileExists(root))
+        problem = "does not exist";
+    else if (!klFileSystem::FileExists(klFileSystem::CombinePath(root, "proc")) &&
+             !klFileSystem::FileExists(klFileSystem::CombinePath(root, "sys")))
+        problem = "holds neither proc/ nor sys/";
+    if (problem) std::fprintf(stderr, "rigwarden-check: root folder '%s' %s\n", root, problem);
+    return !problem;
+}
+
 // Returns -1 when the options are good, else the exit code to leave with.
 int ParseOptions(int argc, char** argv, Options& options) {
     for (int i = 1; i < argc; ++i) {
@@ -75,14 +90,45 @@ int ParseOptions(int argc, char** argv, Options& options) {
         }
     }
     if (options.database.IsEmpty()) options.database = BundledDatabase();
-    return -1;
+    return CheckRoot(options.root) ? -1 : kUsageError;
 }
 
+// Warns when the database folder offers nothing to read; the verdict goes on without it.
+void WarnAboutDatabase(const klString& database) {
+    std::vector<klString> files;
+    klFileSystem::DirectoryContents(database, "*.cfg", files);
+    if (!files.empty()) return;
+    std::fprintf(stderr, "rigwarden-check: warning: database folder '%s' %s\n", database.Const(),
+                 klFileSystem::FileExists(database) ? "holds no *.cfg file" : "does not exist");
+}
+
+// The length of the well-formed UTF-8 sequence at text (no overlong form, no surrogate,
+// nothing above U+10FFFF), or 0 when the bytes there form none.
+int Utf8Length(const unsigned char* text) {
+    const unsigned char c = text[0];
+    int length = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
+    uint32_t code = length == 1 ? c : c & (0x7F >> length);
+    for (int i = 1; i < length; ++i) {
+        if ((text[i] & 0xC0) != 0x80) return 0;
+        code = (code << 6) | (text[i] & 0x3F);
+    }
+    static const uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    bool valid = length > 0 && code >= kSmallest[length] && code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF);
+    return valid ? length : 0;
+}
+
+// A JSON string: control characters escaped, and every byte that is not part of
+// well-formed UTF-8 (a Latin-1 name in an old pci.ids, say) replaced by U+FFFD.
 void PrintJsonString(const klString& text) {
     std::putchar('"');
     for (const char* at = text.Const(); *at; ++at) {
         unsigned char c = static_cast<unsigned char>(*at);
-        if (c == '"' || c == '\\')
+        if (int length = c < 0x80 ? 1 : Utf8Length(reinterpret_cast<const unsigned char*>(at)); length > 1) {
+            std::fwrite(at, 1, size_t(length), stdout);
+            at += length - 1;
+        } else if (length == 0)
+            std::fputs("\\ufffd", stdout);
+        else if (c == '"' || c == '\\')
             std::printf("\\%c", c);
         else if (c == '\n')
             std::fputs("\\n", stdout);
@@ -160,6 +206,7 @@ int Run(const Options& options) {
         std::fprintf(stderr, "rigwarden-check: cannot use root folder '%s'\n", options.root);
         return kUsageError;
     }
+    WarnAboutDatabase(options.database);
     vsQueryResult result = oRigwarden::RunQuery(options.database);
     if (options.json)
         PrintJson(result);

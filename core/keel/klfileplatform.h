@@ -28,6 +28,18 @@ bool TruncateFile(FILE* file, uint64_t size);
 // passing conflict with another user of the file rather than a lasting fault.
 bool OpenFailureIsTransient();
 
+// Whether CombinePath takes a second path part as it is instead of joining it: on Windows
+// a part with ':' anywhere (a drive, a stream or a scheme); on Linux, where ':' is an
+// ordinary name character, only a URL.
+bool NamesOwnRoot(const char* part);
+
+// Whether path names a file or folder, its name taken literally (Windows names cannot
+// hold the wildcards of its search; Linux names can, so there it is no search).
+bool PathExists(const char* path);
+// Whether path exists but is no regular file (a folder, a FIFO, a device): reading one
+// as data could block or never end.
+bool IsNonRegularFile(const char* path);
+
 // Receives one entry of a directory search; returns false to end the search early.
 using FindVisitor = bool (*)(void* context, const char* name, bool isDirectory);
 

@@ -237,11 +237,12 @@ klString OpenedPath(FILE* fp) {
     return slot ? klString(slot->requestedPath) : klString();
 }
 
-bool LoadZ(const klString& path, klBufferInterface& output) {
+bool LoadZ(const klString& path, klBufferInterface& output, uint32_t maxBytes) {
+    if (kl::platform::IsNonRegularFile(NativePath(path).Const())) return false;
     FILE* fp = Open(path, "rb");
     if (!fp) return false;
     uint64_t size = 0;
-    bool ok = kl::platform::OpenFileSize(fp, &size) && size < UINT32_MAX;
+    bool ok = kl::platform::OpenFileSize(fp, &size) && size <= maxBytes && size < UINT32_MAX;
     // An empty file leaves output untouched, previous contents included: callers that
     // load many files into one buffer depend on not paying for a clear per file.
     if (ok && size > 0) {
@@ -260,6 +261,7 @@ bool LoadZ(const klString& path, klBufferInterface& output) {
 
 bool LoadText(const klString& path, klString* output) {
     if (!klAssert(output != NULL)) return false;
+    if (kl::platform::IsNonRegularFile(NativePath(path).Const())) return false;
     FILE* fp = Open(path, "r");
     if (!fp) return false;
     uint64_t size = 0;
@@ -286,7 +288,7 @@ bool LoadText(const klString& path, klString* output) {
 klString CombinePath(const klString& a, const klString& b) {
     if (a.IsEmpty()) return b;
     if (b.IsEmpty()) return a;
-    if (b.Find(':') >= 0) return b;
+    if (kl::platform::NamesOwnRoot(b.Const())) return b;
     const bool aEnds = IsPathSeparator(a.Const()[a.Size() - 1]);
     const bool bStarts = IsPathSeparator(b.Const()[0]);
     if (aEnds && bStarts) return Concat(a.Const(), a.Size() - 1, "", 0, b.Const(), b.Size());
@@ -327,8 +329,7 @@ void ToNativeSeparators(char* path) {
 bool FileExists(const char* path) {
     // This search is where the profiler zone "klFileSystem_FileExists" belongs once keel
     // has a profiler.
-    if (!path || !*path) return false;
-    return Search(klString(path), [](const char*, bool) { return false; });
+    return path && *path && kl::platform::PathExists(NativePath(path).Const());
 }
 
 void DirectoryContents(const char* dir, const char* pattern, std::vector<klString>& files) {

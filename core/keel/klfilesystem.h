@@ -46,15 +46,17 @@ klString OpenedPath(FILE* fp);
 void NormalizeOpenPath(char* path);
 
 // Reads the whole file (binary) into output and appends a zero byte. False when the file
-// cannot be opened or reads short (output is then cleared). An empty file succeeds and
-// leaves output exactly as it was.
-bool LoadZ(const klString& path, klBufferInterface& output);
-// Reads the whole file in text mode into *output. False when it cannot be opened, or when
-// a non-empty file reads nothing (the string is then cleared).
+// cannot be opened, is no regular file (a folder, a FIFO or a device is never read as
+// data: it could block or never end), is larger than maxBytes, or reads short (output is
+// then cleared). An empty file succeeds and leaves output exactly as it was.
+bool LoadZ(const klString& path, klBufferInterface& output, uint32_t maxBytes = UINT32_MAX - 1);
+// Reads the whole file in text mode into *output. False when it cannot be opened or is no
+// regular file, or when a non-empty file reads nothing (the string is then cleared).
 bool LoadText(const klString& path, klString* output);
 
 // Joins two parts with the platform separator, never doubling or dropping one. A second
-// part that holds ':' (a drive or a scheme) is returned as it is.
+// part that names its own root is returned as it is: on Windows one that holds ':' (a
+// drive or a scheme), on Linux, where ':' is an ordinary name character, a URL.
 klString CombinePath(const klString& a, const klString& b);
 // Whether c separates the parts of a path ('/' or '\\', on either platform).
 inline bool IsPathSeparator(char c) { return c == '/' || c == '\\'; }
@@ -67,8 +69,9 @@ klString CanonicalPath(const klString& path);
 // Every separator becomes the platform's own, in place.
 void ToNativeSeparators(char* path);
 
-// True when a directory search for path (a file, a folder or a wildcard pattern) finds
-// anything at all.
+// True when path names a file or a folder. The name is taken literally: wildcards are
+// only wildcards where Windows cannot have them in a name, and on Linux "a[1].ini" is
+// that file and nothing else.
 bool FileExists(const char* path);
 // Appends to files the names of the plain files of dir that match pattern ("*" when
 // null), case-insensitively, in the platform's enumeration order. files is not cleared.

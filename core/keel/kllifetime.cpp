@@ -15,6 +15,13 @@ bool klObjectLifetimeManager::HasErrorCondition() { return __atomic_load_n(&sErr
 void klSingletonBase::Register() {
     mNextRegistered = klObjectLifetimeManager::sRegisteredRoot;
     klObjectLifetimeManager::sRegisteredRoot = this;
+    // A shared library starts keel from its load hook, and the order in which a library's
+    // static constructors run follows its link order: holders that register after the
+    // start-up are created as they arrive, so none is left out whatever that order is.
+    if (!klObjectLifetimeManager::sInitialized || klObjectLifetimeManager::sOperating || mInitialized) return;
+    klObjectLifetimeManager::sOperating = true;
+    Create();
+    klObjectLifetimeManager::sOperating = false;
 }
 
 void klSingletonBase::PushCreated() {

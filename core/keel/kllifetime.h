@@ -2,9 +2,12 @@
 //
 // Every klSingleton<T> holder is constant-initialised (so it is valid before any static
 // constructor runs, even one of a shared library that starts keel from its load hook)
-// and registers itself during static construction, doing nothing else. klObjectLifetimeManager::Initialize creates all registered singletons in
-// one pass, each after the singletons it uses (declared with klUsesSingleton<T>
-// members); Shutdown destroys them in exactly the reverse order of creation.
+// and registers itself during static construction, doing nothing else.
+// klObjectLifetimeManager::Initialize creates all registered singletons in one pass, each
+// after the singletons it uses (declared with klUsesSingleton<T> members); a holder that
+// registers later, while the manager is initialized (a library's static constructors
+// that run after its load hook), is created as it registers. Shutdown destroys them in
+// exactly the reverse order of creation.
 #pragma once
 
 #include "keel/klassert.h"
@@ -24,7 +27,8 @@ protected:
         mNextRegistered = nullptr;
         mNextCreated = nullptr;
     }
-    // Pushes the holder on the registration list; run once, by its klSingletonRegistration.
+    // Pushes the holder on the registration list, and creates it when Initialize has run
+    // already; run once, by its klSingletonRegistration.
     void Register();
     virtual void Create() = 0;
     virtual void Destroy() = 0;

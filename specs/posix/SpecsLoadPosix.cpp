@@ -1,6 +1,6 @@
 // Starts and stops keel's singletons as the shared library is loaded and unloaded.
-// This file is linked last, so its initialiser runs after every static object of the
-// library has registered its singleton holder.
+// The library's static constructors run in link order, and keel's come after this
+// one; the singletons they register after the start-up are created as they register.
 #include "keel/kllifetime.h"
 
 __attribute__((constructor)) static void RigwardenLoaded() { klObjectLifetimeManager::Initialize(); }

@@ -5,55 +5,134 @@
 #include "../oRigwarden.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 namespace {
 
-klString RootPath(const char* relative) {
+// The kernel's probe files are small (a cpuinfo of a few hundred processors stays below
+// a megabyte); a larger one is no file the kernel wrote and counts as unreadable.
+constexpr size_t kMaxProbeFileBytes = 16u << 20;
+// Beyond any real machine's processor numbers; a list naming more is unreadable.
+constexpr uint64_t kMaxCpuNumber = 1u << 20;
+
+const char* Root() {
     const char* root = std::getenv("RIGWARDEN_ROOT");
-    if (!root || !*root) root = "/";
+    return root && *root ? root : nullptr;
+}
+
+// Judging a captured machine: then nothing may be taken from the host that runs the probe.
+bool SnapshotMode() { return Root() != nullptr; }
+
+klString RootPath(const char* relative) {
+    const char* root = Root() ? Root() : "/";
     size_t length = std::strlen(root);
     return klpf("%s%s%s", root, root[length - 1] == '/' ? "" : "/", relative);
 }
 
-// The whole of a small text file (sysfs attributes, /proc files); false if unreadable.
+// A descriptor for reading path when it is a regular file, else -1. A FIFO or a device
+// at a probe path would block the read (or the open) forever, so the type is checked
+// before opening and again on what was opened, which O_NONBLOCK keeps from blocking.
+int OpenRegular(const klString& path) {
+    struct stat status;
+    if (stat(path.Const(), &status) != 0 || !S_ISREG(status.st_mode)) return -1;
+    int fd = open(path.Const(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return -1;
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// The whole of a probe file (a sysfs attribute, a /proc file) in one pass; false when it
+// is unreadable, no regular file or larger than kMaxProbeFileBytes. The stated size is
+// only a hint (sysfs states 4096, /proc 0), so the buffer doubles when it fills.
 bool ReadText(const klString& path, klString& text) {
-    FILE* file = std::fopen(path.Const(), "rb");
-    if (!file) return false;
-    text.clear();
-    char chunk[4096];
-    size_t got;
-    while ((got = std::fread(chunk, 1, sizeof(chunk), file)) > 0) text.Append(chunk, uint32_t(got));
-    std::fclose(file);
+    int fd = OpenRegular(path);
+    if (fd < 0) return false;
+    struct stat status;
+    size_t hint = fstat(fd, &status) == 0 ? size_t(status.st_size) + 1 : 0;
+    std::vector<char> bytes(std::min(std::max<size_t>(hint, 4096), kMaxProbeFileBytes + 1));
+    size_t used = 0;
+    bool ok = true;
+    for (;;) {
+        if (used == bytes.size()) {
+            if (used > kMaxProbeFileBytes) break;
+            bytes.resize(std::min(used * 2, kMaxProbeFileBytes + 1));
+        }
+        ssize_t got = read(fd, bytes.data() + used, bytes.size() - used);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) {
+            ok = got == 0;
+            break;
+        }
+        used += size_t(got);
+    }
+    close(fd);
+    if (!ok || used > kMaxProbeFileBytes) return false;
+    text = klString(bytes.data(), uint32_t(used));
     return true;
 }
 
-// Leading decimal or "0x" hexadecimal number of a text; false when it has no digits.
-bool ParseNumber(const char* text, uint64_t& value) {
-    char* end = nullptr;
-    value = std::strtoull(text, &end, 0);
-    return end != text;
+bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+// A whole number as sysfs writes it (decimal, or hexadecimal behind "0x"), blanks before
+// it allowed; false without digits, with a sign, or above max: a negative or oversized
+// value is unreadable rather than wrapped.
+bool ParseNumber(const char* text, uint64_t max, uint64_t& value) {
+    while (IsBlank(*text)) ++text;
+    if (!IsDigit(*text)) return false;
+    errno = 0;
+    value = std::strtoull(text, nullptr, 0);
+    return errno != ERANGE && value <= max;
 }
 
-bool ReadNumber(const klString& path, uint64_t& value) {
+bool ReadNumber(const klString& path, uint64_t max, uint64_t& value) {
     klString text;
-    return ReadText(path, text) && ParseNumber(text.Const(), value);
+    return ReadText(path, text) && ParseNumber(text.Const(), max, value);
 }
 
-// The value after the colon of the first "key : value" line that starts with key.
+// A non-negative decimal with an optional fraction at `at`, blanks before it allowed, in
+// units of 10^-places, rounded to the nearest; `at` ends behind it. False without digits,
+// with a sign, or above max. Read by hand so that no locale changes the decimal point.
+bool ParseDecimal(const char*& at, int places, uint64_t max, uint64_t& value) {
+    while (IsBlank(*at)) ++at;
+    if (!IsDigit(*at)) return false;
+    bool overflow = false;
+    value = 0;
+    auto push = [&](uint64_t digit) {
+        overflow |= __builtin_mul_overflow(value, uint64_t(10), &value);
+        overflow |= __builtin_add_overflow(value, digit, &value);
+    };
+    for (; IsDigit(*at); ++at) push(uint64_t(*at - '0'));
+    bool fraction = *at == '.' && IsDigit(at[1]);
+    if (fraction) ++at;
+    for (int place = 0; place < places; ++place) push(fraction && IsDigit(*at) ? uint64_t(*at++ - '0') : 0);
+    if (fraction && *at >= '5' && *at <= '9') overflow |= __builtin_add_overflow(value, uint64_t(1), &value);
+    while (fraction && IsDigit(*at)) ++at;
+    return !overflow && value <= max;
+}
+
+// The first line of text whose key is exactly key (blanks may stand before the colon):
+// its value, from behind the colon; null when no line has that key.
 const char* FieldValue(const klString& text, const char* key) {
     size_t keyLength = std::strlen(key);
     for (const char* line = text.Const(); *line;) {
         if (std::strncmp(line, key, keyLength) == 0) {
-            const char* colon = std::strchr(line, ':');
-            const char* newline = std::strchr(line, '\n');
-            if (colon && (!newline || colon < newline)) return colon + 1;
+            const char* at = line + keyLength;
+            while (IsBlank(*at)) ++at;
+            if (*at == ':') return at + 1;
         }
         const char* next = std::strchr(line, '\n');
         if (!next) break;
@@ -62,18 +141,16 @@ const char* FieldValue(const klString& text, const char* key) {
     return nullptr;
 }
 
-// "x.yz" gigahertz as megahertz, read by hand so that no locale changes the decimal point.
-uint32_t ParseGHzAsMHz(const char* text) {
-    const char* at = text;
-    uint32_t mhz = 0;
-    for (; *at >= '0' && *at <= '9'; ++at) mhz = mhz * 10 + uint32_t(*at - '0');
-    if (at == text) return 0;
-    mhz *= 1000;
-    if (*at == '.') {
-        uint32_t place = 100; // digits past the third fall below a megahertz
-        for (++at; *at >= '0' && *at <= '9'; ++at, place /= 10) mhz += uint32_t(*at - '0') * place;
-    }
-    return std::strncmp(at, "GHz", 3) == 0 ? mhz : 0;
+// A clock such as "2.40GHz", "3864.000000MHz" or "2400 MHz" in MHz; 0 when the text
+// holds none or one beyond 32 bits.
+uint32_t ClockMHz(const char* text) {
+    uint64_t thousandths = 0;
+    if (!text || !ParseDecimal(text, 3, UINT64_MAX, thousandths)) return 0;
+    while (IsBlank(*text)) ++text;
+    uint64_t mhz = std::strncmp(text, "GHz", 3) == 0   ? thousandths
+                   : std::strncmp(text, "MHz", 3) == 0 ? (thousandths + 500) / 1000
+                                                       : 0;
+    return mhz <= UINT32_MAX ? uint32_t(mhz) : 0;
 }
 
 // The "@ 3.20GHz" that Intel and some AMD processors put at the end of their model name:
@@ -84,66 +161,129 @@ uint32_t ModelNameMHz(const klString& cpuinfo) {
     const char* end = std::strchr(model, '\n');
     std::string_view line(model, end ? size_t(end - model) : std::strlen(model));
     size_t at = line.rfind('@');
-    if (at == std::string_view::npos) return 0;
-    const char* number = model + at + 1;
-    while (*number == ' ') ++number;
-    return ParseGHzAsMHz(number);
+    return at == std::string_view::npos ? 0 : ClockMHz(model + at + 1);
 }
 
+// The first "cpu MHz" line (s390 names its nominal clock "cpu MHz static").
 uint32_t CpuMHzField(const klString& cpuinfo) {
     const char* value = FieldValue(cpuinfo, "cpu MHz");
-    return value ? uint32_t(std::strtod(value, nullptr) + 0.5) : 0;
+    if (!value) value = FieldValue(cpuinfo, "cpu MHz static");
+    uint64_t mhz = 0;
+    return value && ParseDecimal(value, 0, UINT32_MAX, mhz) ? uint32_t(mhz) : 0;
+}
+
+// A cpufreq attribute in kHz as MHz; ARM kernels keep it in the policy folder alone.
+// Found is set when the file could be read, whatever it held.
+uint32_t CpufreqMHz(const char* attribute, bool& found) {
+    for (const char* folder : {"sys/devices/system/cpu/cpu0/cpufreq/", "sys/devices/system/cpu/cpufreq/policy0/"}) {
+        klString text;
+        if (!ReadText(RootPath(klpf("%s%s", folder, attribute)), text)) continue;
+        found = true;
+        uint64_t khz = 0;
+        if (ParseNumber(text.Const(), uint64_t(UINT32_MAX) * 1000, khz) && khz >= 1000) return uint32_t(khz / 1000);
+        return 0;
+    }
+    return 0;
+}
+
+// The number of processors a kernel list such as "0-3,8,10-11" names; 0 for a list that
+// is empty, malformed, descending or beyond any real machine.
+uint32_t CountCpuList(const klString& list) {
+    const char* at = list.Const();
+    uint64_t count = 0;
+    for (;;) {
+        uint64_t first = 0, last = 0;
+        if (!ParseDecimal(at, 0, kMaxCpuNumber, first)) return 0;
+        last = first;
+        if (*at == '-' && !ParseDecimal(++at, 0, kMaxCpuNumber, last)) return 0;
+        if (last < first || (count += last - first + 1) > kMaxCpuNumber) return 0;
+        if (*at != ',') break;
+        ++at;
+    }
+    while (*at == '\n' || IsBlank(*at)) ++at;
+    return *at == 0 ? uint32_t(count) : 0;
+}
+
+// The "cpuN" folders of sys/devices/system/cpu.
+uint32_t CountCpuFolders() {
+    DIR* dir = opendir(RootPath("sys/devices/system/cpu").Const());
+    if (!dir) return 0;
+    uint32_t count = 0;
+    while (const dirent* entry = readdir(dir)) {
+        const char* name = entry->d_name;
+        if (std::strncmp(name, "cpu", 3) != 0 || !IsDigit(name[3])) continue;
+        name += 3;
+        while (IsDigit(*name)) ++name;
+        count += *name == 0;
+    }
+    closedir(dir);
+    return count;
+}
+
+// The processor entries of a cpuinfo: "processor : 3" lines (x86, ARM, POWER) or
+// "processor 3: ..." lines (s390).
+uint32_t CountCpuinfoProcessors(const klString& cpuinfo) {
+    uint32_t count = 0;
+    for (const char* line = cpuinfo.Const(); *line;) {
+        if (std::strncmp(line, "processor", 9) == 0) {
+            const char* at = line + 9;
+            while (IsBlank(*at)) ++at;
+            if (*at == ':') {
+                ++at;
+                while (IsBlank(*at)) ++at;
+                count += IsDigit(*at);
+            } else {
+                const char* digits = at;
+                while (IsDigit(*at)) ++at;
+                count += at > digits && *at == ':';
+            }
+        }
+        const char* next = std::strchr(line, '\n');
+        if (!next) break;
+        line = next + 1;
+    }
+    return count;
 }
 
 } // namespace
 
 uint32_t oRigwardenProbe::ReadCpuMHz(klString& errors) {
     // Sources from the most to the least faithful to the nominal clock: the current clock
-    // in /proc/cpuinfo comes last, since an idle core understates the processor.
+    // in /proc/cpuinfo comes late, since an idle core understates the processor, and
+    // POWER's "clock" line last.
     bool sourceFound = false;
-    uint64_t khz = 0;
+    if (uint32_t mhz = CpufreqMHz("base_frequency", sourceFound)) return mhz;
     klString cpuinfo;
-    klString path = RootPath("sys/devices/system/cpu/cpu0/cpufreq/base_frequency");
-    if (ReadText(path, cpuinfo)) {
-        sourceFound = true;
-        if (ParseNumber(cpuinfo.Const(), khz) && khz >= 1000) return uint32_t(khz / 1000);
-    }
     bool haveCpuinfo = ReadText(RootPath("proc/cpuinfo"), cpuinfo);
     sourceFound |= haveCpuinfo;
     if (uint32_t mhz = haveCpuinfo ? ModelNameMHz(cpuinfo) : 0) return mhz;
-    klString maxText;
-    if (ReadText(RootPath("sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq"), maxText)) {
-        sourceFound = true;
-        if (ParseNumber(maxText.Const(), khz) && khz >= 1000) return uint32_t(khz / 1000);
-    }
+    if (uint32_t mhz = CpufreqMHz("cpuinfo_max_freq", sourceFound)) return mhz;
     if (uint32_t mhz = haveCpuinfo ? CpuMHzField(cpuinfo) : 0) return mhz;
+    if (uint32_t mhz = haveCpuinfo ? ClockMHz(FieldValue(cpuinfo, "clock")) : 0) return mhz;
     errors << (sourceFound ? kCpuSpeedMissingMessage : kCpuInfoMissingMessage);
     return 0;
 }
 
 uint32_t oRigwardenProbe::ReadCpuCount() {
-    // A range list such as "0-3,8" names the online processors.
-    klString online;
-    if (ReadText(RootPath("sys/devices/system/cpu/online"), online)) {
-        uint32_t count = 0;
-        for (const char* at = online.Const(); *at >= '0' && *at <= '9';) {
-            char* end;
-            unsigned long first = std::strtoul(at, &end, 10), last = first;
-            if (*end == '-') last = std::strtoul(end + 1, &end, 10);
-            if (last >= first) count += uint32_t(last - first + 1);
-            at = *end == ',' ? end + 1 : end;
-        }
-        if (count > 0) return count;
+    klString text;
+    if (ReadText(RootPath("sys/devices/system/cpu/online"), text))
+        if (uint32_t count = CountCpuList(text)) return count;
+    if (!SnapshotMode()) {
+        long count = sysconf(_SC_NPROCESSORS_ONLN);
+        return count > 0 && uint64_t(count) <= UINT32_MAX ? uint32_t(count) : 0;
     }
-    long count = sysconf(_SC_NPROCESSORS_ONLN);
-    return count > 0 ? uint32_t(count) : 0;
+    if (ReadText(RootPath("sys/devices/system/cpu/present"), text))
+        if (uint32_t count = CountCpuList(text)) return count;
+    if (uint32_t count = CountCpuFolders()) return count;
+    return ReadText(RootPath("proc/cpuinfo"), text) ? CountCpuinfoProcessors(text) : 0;
 }
 
 uint64_t oRigwardenProbe::ReadTotalPhysicalMemory() {
     klString meminfo;
     if (!ReadText(RootPath("proc/meminfo"), meminfo)) return 0;
     const char* value = FieldValue(meminfo, "MemTotal");
-    return value ? uint64_t(std::strtoull(value, nullptr, 10)) * 1024 : 0;
+    uint64_t kb = 0;
+    return value && ParseDecimal(value, 0, UINT64_MAX / 1024, kb) ? kb * 1024 : 0;
 }
 
 namespace {
@@ -157,7 +297,7 @@ struct PciDisplayDevice {
 
 uint32_t ReadAttribute(const klString& folder, const char* attribute) {
     uint64_t value = 0;
-    ReadNumber(klpf("%s/%s", folder.Const(), attribute), value);
+    ReadNumber(klpf("%s/%s", folder.Const(), attribute), UINT32_MAX, value);
     return uint32_t(value);
 }
 
@@ -172,8 +312,8 @@ std::vector<PciDisplayDevice> ScanPciDisplayDevices() {
         if (entry->d_name[0] == '.') continue;
         klString folder = klpf("%s/%s", base.Const(), entry->d_name);
         uint64_t cls = 0, enable = 1;
-        if (!ReadNumber(klpf("%s/class", folder.Const()), cls) || (cls >> 16) != 0x03) continue;
-        if (ReadNumber(klpf("%s/enable", folder.Const()), enable) && enable == 0) continue;
+        if (!ReadNumber(klpf("%s/class", folder.Const()), UINT32_MAX, cls) || (cls >> 16) != 0x03) continue;
+        if (ReadNumber(klpf("%s/enable", folder.Const()), UINT32_MAX, enable) && enable == 0) continue;
         devices.push_back({entry->d_name, ReadAttribute(folder, "boot_vga") == 1,
                            ReadAttribute(folder, "vendor"), ReadAttribute(folder, "device"),
                            ReadAttribute(folder, "subsystem_vendor"),
@@ -231,7 +371,10 @@ private:
 
 FILE* OpenPciIds() {
     for (const char* relative : {"usr/share/misc/pci.ids", "usr/share/hwdata/pci.ids"}) {
-        if (FILE* file = std::fopen(RootPath(relative).Const(), "rb")) return file;
+        int fd = OpenRegular(RootPath(relative));
+        if (fd < 0) continue;
+        if (FILE* file = fdopen(fd, "rb")) return file;
+        close(fd);
     }
     return nullptr;
 }

@@ -16,6 +16,16 @@
 #include <string>
 #include <vector>
 
+#if !defined(_WIN32)
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#endif
+
 namespace keeltest {
 
 // Installs a report hook for its lifetime and keeps every report: the expression text,
@@ -143,5 +153,33 @@ inline testing::Matcher<const std::string&> Has(std::string needle, int times = 
 inline testing::Matcher<const std::string&> HasAll(SubstringMatcher::Needles needles) {
     return testing::MakeMatcher(new SubstringMatcher(std::move(needles)));
 }
+
+#if !defined(_WIN32)
+// A FIFO at path, made for its lifetime. A thread keeps opening it for writing without
+// blocking, which releases a reader stuck in open() and lets it read an empty file: code
+// that wrongly reads the FIFO then fails its test instead of hanging it.
+class ReleasedFifo {
+public:
+    explicit ReleasedFifo(const std::string& path) : mPath(path) {
+        mkfifo(path.c_str(), 0600);
+        mThread = std::thread([this] {
+            while (!mDone) {
+                int fd = open(mPath.c_str(), O_WRONLY | O_NONBLOCK);
+                if (fd >= 0) close(fd);
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            }
+        });
+    }
+    ~ReleasedFifo() {
+        mDone = true;
+        mThread.join();
+    }
+
+private:
+    std::string mPath;
+    std::atomic<bool> mDone{false};
+    std::thread mThread;
+};
+#endif
 
 } // namespace keeltest

@@ -12,6 +12,12 @@ using Strings = std::vector<std::string>;
 
 namespace {
 
+#if defined(_WIN32)
+constexpr bool kOnWindows = true;
+#else
+constexpr bool kOnWindows = false; // ':' is a name character; names may hold wildcards
+#endif
+
 std::string Normalized(std::string path) {
     klFileSystem::NormalizeOpenPath(path.data());
     return path.c_str();
@@ -41,9 +47,11 @@ TEST(KlFileSystem, JoinedCanonicalAndOpenedPathForms) {
     const std::string sep(1, kl::platform::PathSeparator());
     EXPECT_STREQ(("a" + sep + "b").c_str(), klFileSystem::CombinePath("a", "b"));
     // Parts, then the join; only one separator is dropped, and a drive or scheme wins.
+    const std::string drive = kOnWindows ? "c:\\x" : "a/c:\\x", colon = kOnWindows ? "a:b.cfg" : "db/a:b.cfg";
     const char* const joins[][3] = {
-        {"a/", "b", "a/b"},      {"a", "/b", "a/b"}, {"a/", "\\b", "a\\b"}, {"a//", "/b", "a//b"},
-        {"a", "c:\\x", "c:\\x"}, {"", "b", "b"},     {"a", "", "a"}};
+        {"a/", "b", "a/b"},          {"a", "/b", "a/b"}, {"a/", "\\b", "a\\b"}, {"a//", "/b", "a//b"},
+        {"a", "c:\\x", drive.c_str()}, {"db/", "a:b.cfg", colon.c_str()},     {"a", "http://h/x", "http://h/x"},
+        {"", "b", "b"},              {"a", "", "a"}};
     for (const auto& r : joins)
         EXPECT_STREQ(r[2], klFileSystem::CombinePath(r[0], r[1])) << r[0] << " + " << r[1];
 
@@ -92,7 +100,16 @@ TEST_F(KlFileSystemFiles, LoadZAndLoadText) {
     blob.Set("prev", 4); // an empty file leaves it as it was; a missing one fails
     EXPECT_TRUE(klFileSystem::LoadZ(Write("empty.txt", "").c_str(), blob));
     EXPECT_FALSE(klFileSystem::LoadZ(Path("missing.txt").c_str(), blob));
+    EXPECT_FALSE(klFileSystem::LoadZ(Path("bin.dat").c_str(), blob, 7)); // over the cap
     EXPECT_EQ("prev", std::string(reinterpret_cast<const char*>(blob.Const()), blob.Size()));
+#if !defined(_WIN32)
+    { // only regular files are data: neither call may even open a FIFO
+        keeltest::ReleasedFifo fifo(Path("x.cfg"));
+        klString text;
+        EXPECT_FALSE(klFileSystem::LoadZ(Path("x.cfg").c_str(), blob));
+        EXPECT_FALSE(klFileSystem::LoadText(Path("x.cfg").c_str(), &text));
+    }
+#endif
 
     klString text("old");
     ASSERT_TRUE(klFileSystem::LoadText(Write("t.txt", "one\r\ntwo\r\n").c_str(), &text));
@@ -114,7 +131,7 @@ TEST_F(KlFileSystemFiles, LoadZAndLoadText) {
 }
 
 TEST_F(KlFileSystemFiles, ListingsAndExistence) {
-    for (const char* name : {"a.cfg", "c.txt", "D.CFG"})
+    for (const char* name : {"a.cfg", "c.txt", "D.CFG", "x[1].ini", "y1.ini"})
         Write(name, "x");
     fs::create_directory(mDir / "b.cfg");
     const std::string dir = mDir.string();
@@ -124,15 +141,18 @@ TEST_F(KlFileSystemFiles, ListingsAndExistence) {
     EXPECT_EQ((Strings{"D.CFG", "a.cfg", "keep"}), Names(files));
     klFileSystem::DirectoryContents(dir.c_str(), nullptr, all);
     klFileSystem::DirectoryContents(Path("missing").c_str(), "*.cfg", all);
-    EXPECT_EQ((Strings{"D.CFG", "a.cfg", "c.txt"}), Names(all));
+    const Strings plain{"D.CFG", "a.cfg", "c.txt", "x[1].ini", "y1.ini"};
+    EXPECT_EQ(plain, Names(all));
     klFileSystem::ListDirectory((dir + "/").c_str(), folders, others);
     EXPECT_EQ((Strings{"b.cfg"}), Names(folders));
-    EXPECT_EQ((Strings{"D.CFG", "a.cfg", "c.txt"}), Names(others));
+    EXPECT_EQ(plain, Names(others));
 
-    // A pattern matches in any case, and a folder counts.
-    const std::pair<const char*, bool> exists[] = {{"/*.CfG", true},  {"/c.txt", true},
-                                                   {"\\b.cfg", true}, {"", true},
-                                                   {"/*.ini", false}, {"/missing/x", false}};
+    // A name is taken literally and a folder counts; Windows names cannot hold '*' or '?',
+    // so there a pattern still finds what it matches.
+    const std::pair<const char*, bool> exists[] = {
+        {"/*.CfG", kOnWindows}, {"/c.txt", true},     {"\\b.cfg", true},     {"", true},
+        {"/*.txt", kOnWindows}, {"/*.xml", false},    {"/missing/x", false}, {"/x[1].ini", true},
+        {"/y[1].ini", false},   {"/C.TXT", kOnWindows}};
     for (const auto& [suffix, expected] : exists)
         EXPECT_EQ(expected, klFileSystem::FileExists((dir + suffix).c_str())) << suffix;
     EXPECT_FALSE(klFileSystem::FileExists(""));
@@ -213,6 +233,9 @@ TEST_F(KlFileSystemFiles, NumbersAndTemporaryNames) {
         Write("log" + std::to_string(n) + ".txt", "");
     EXPECT_EQ(21, klFileSystem::NextFreeNumber(prefix.c_str(), ".txt"));
     EXPECT_EQ(1, klFileSystem::NextFreeNumber(prefix.c_str(), ".dat"));
+    for (int n = 1; n <= 3; ++n) // a prefix that reads as a pattern is still a name
+        Write("run[1]" + std::to_string(n) + ".txt", "");
+    EXPECT_EQ(4, klFileSystem::NextFreeNumber(Path("run[1]").c_str(), ".txt"));
 
     std::string names[2];
     for (std::string& name : names) {

@@ -150,6 +150,18 @@ TEST_F(KlIniFiles, IncludesOverrideInOrderAndResolveBesideTheirFile) {
               AllEntries(ini, {"default", "extra"}));
 }
 
+// An optional include names one file: brackets in its name are no pattern.
+TEST_F(KlIniFiles, OptionalIncludeTakesItsNameLiterally) {
+    Write("cfg/main.ini", ".include? opt[1].ini\n.include? skip[2].ini\n");
+    Write("cfg/opt[1].ini", "a=bracketed");
+    Write("cfg/skip2.ini", "b=matched-as-a-pattern");
+    klIni ini;
+    klClearCommandLine();
+    klParseCommandLine(("--config " + (mDir / "cfg/main.ini").string()).c_str());
+    ASSERT_TRUE(ini.Load("unused.ini"));
+    EXPECT_EQ(Entries({{"default/a", "bracketed"}}), AllEntries(ini, {"default"}));
+}
+
 TEST_F(KlIniFiles, IncludeFailuresAreReportedWithTheirFiles) {
     const std::string self = Write("self.ini", "a=1\n.include self.ini\n");
     const std::string ping = Write("ping.ini", ".include pong.ini");

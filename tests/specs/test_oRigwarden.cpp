@@ -108,6 +108,21 @@ TEST(Database, FilesAreReadInListingOrderAndEmptyFilesRepeatThePrevious) {
     EXPECT_EQ(0u, best);
 }
 
+TEST(Database, OversizedFilesAreSkippedAndColonsAreNames) {
+    DatabaseFolder db;
+    db.Write("big.cfg", "10DE, 0001, 4, 2560, 900, D\n" + std::string(16 << 20, ';'));
+#if !defined(_WIN32) // Windows names cannot hold ':'
+    db.Write("a:b.cfg", "10DE, 0002, 2, 1280, 300, M\n");
+#endif
+    auto adapters = Adapters({{0x10DE, 0x1}, {0x10DE, 0x2}});
+    uint32_t best = 99;
+    oRigwarden::GetGpuInfo({db.Path()}, adapters, best);
+    EXPECT_TRUE(adapters[0].notListed);
+#if !defined(_WIN32)
+    EXPECT_EQ(300u, adapters[1].benchmark);
+#endif
+}
+
 TEST(Database, BestAdapterChoice) {
     auto adapters = Adapters({{1, 1}, {2, 2}, {3, 3}, {4, 4}});
     EXPECT_EQ(0u, oRigwarden::ChooseBestAdapter(adapters)); // all unlisted: the first

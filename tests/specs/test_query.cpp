@@ -80,10 +80,45 @@ TEST(Query, CheckToolReportsJsonAndExitStatus) {
           "cores @2200MHz).\\nYour system is below"})
         EXPECT_NE(std::string::npos, json.find(field)) << field << "\n" << json;
 
+    machine.Write("empty/proc/version", "Linux\n");
     RunCommand(tool + " --root " + machine.Root() + "/empty --db " + machine.Root() + "/db", status);
     EXPECT_EQ(2, status); // no processor information at all is a probe failure
     std::string usage = RunCommand(tool + " --bogus 2>&1", status);
     EXPECT_EQ(64, status);
     EXPECT_NE(std::string::npos, usage.find("usage: rigwarden-check"));
     EXPECT_EQ(0, (RunCommand(tool + " --version", status), status));
+}
+
+TEST(Query, CheckToolWritesUtf8JsonWarnsAboutTheDatabaseAndRefusesBadRoots) {
+    FakeMachine machine("tool-hostile");
+    DescribeMachine(machine);
+    // A Latin-1 byte, a well-formed "\u00e9" and an encoded surrogate in one adapter's name.
+    machine.Write("usr/share/misc/pci.ids", "8086  Intel Corpor\xe9tion\n\ta780  UHD \xc3\xa9 \xed\xa0\x80 770\n");
+    const std::string tool = std::string(RIGWARDEN_CHECK_PATH) + " --root " + machine.Root();
+    int status = -1;
+    std::string json = RunCommand(tool + " --json --db " + machine.Root() + "/db", status);
+    EXPECT_EQ(1, status);
+    EXPECT_NE(std::string::npos,
+              json.find("\"AdapterName\": \"Intel Corpor\\ufffdtion UHD \xc3\xa9 \\ufffd\\ufffd\\ufffd 770\""))
+        << json;
+    EXPECT_EQ(std::string::npos, json.find_first_of("\xe9\xed"));
+
+    // The verdict stands without a database, with a warning on stderr.
+    machine.Write("nocfg/readme.txt", "");
+    for (const char* db : {"/nocfg", "/nodb"}) {
+        std::string warning = RunCommand(tool + " --db " + machine.Root() + db + " 2>&1 >/dev/null", status);
+        EXPECT_EQ(1, status);
+        EXPECT_EQ(klpf("rigwarden-check: warning: database folder '%s%s' %s\n", machine.Root().c_str(), db,
+                       db[3] == 'c' ? "holds no *.cfg file" : "does not exist").Const(),
+                  warning);
+    }
+    for (const char* root : {"/db", "/none"}) {
+        std::string message = RunCommand(std::string(RIGWARDEN_CHECK_PATH) + " --root " + machine.Root() + root +
+                                              " 2>&1 >/dev/null",
+                                          status);
+        EXPECT_EQ(64, status);
+        EXPECT_EQ(klpf("rigwarden-check: root folder '%s%s' %s\n", machine.Root().c_str(), root,
+                       root[1] == 'd' ? "holds neither proc/ nor sys/" : "does not exist").Const(),
+                  message);
+    }
 }

@@ -33,6 +33,18 @@ bool OpenFileSize(FILE* file, uint64_t* size) {
     return true;
 }
 
+bool NamesOwnRoot(const char* part) { return std::strncmp(part, "http://", 7) == 0; }
+
+bool PathExists(const char* path) {
+    struct stat status;
+    return stat(path, &status) == 0;
+}
+
+bool IsNonRegularFile(const char* path) {
+    struct stat status;
+    return stat(path, &status) == 0 && !S_ISREG(status.st_mode);
+}
+
 int SeekFile(FILE* file, int64_t offset, int origin) {
     const int whence = origin == 0 ? SEEK_SET : origin == 1 ? SEEK_CUR : SEEK_END;
     return fseeko(file, static_cast<off_t>(offset), whence);

@@ -54,6 +54,17 @@ bool OpenFailureIsTransient() {
     return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION || errno == EMFILE;
 }
 
+bool NamesOwnRoot(const char* part) { return strchr(part, ':') != nullptr; }
+
+bool PathExists(const char* path) {
+    return FindEntries(path, [](void*, const char*, bool) { return false; }, nullptr);
+}
+
+bool IsNonRegularFile(const char* path) {
+    struct _stati64 status;
+    return _stati64(path, &status) == 0 && (status.st_mode & _S_IFREG) == 0;
+}
+
 bool FindEntries(const char* searchPath, FindVisitor visit, void* context) {
     struct _finddata_t entry;
     const intptr_t search = _findfirst(searchPath, &entry);
