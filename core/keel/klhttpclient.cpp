@@ -366,8 +366,6 @@ struct klHTTPClient::Transfer {
 
 namespace {
 
-klVarRef g_standardFraming("http_standard_framing");
-
 // Writes printf-style text to the connection, however long it turns out.
 void Put(klNetworkBuf* conn, const char* format, ...) {
     char small[1024];
@@ -468,7 +466,10 @@ int64_t klHTTPClient::Date() const { return mDate; }
 
 bool klHTTPClient::StandardFraming() const {
     if (mFraming != klHTTPFraming::Configured) return mFraming == klHTTPFraming::Standard;
-    return g_standardFraming.IsBound() && g_standardFraming.GetInt() != 0;
+    // Made by the first request rather than at start-up, so that a library that never
+    // sends one leaves no console record behind when it is unloaded.
+    static klVarRef standard("http_standard_framing");
+    return standard.IsBound() && standard.GetInt() != 0;
 }
 
 bool klHTTPClient::TimeLeft(const Transfer& t) const {

@@ -342,8 +342,9 @@ TEST(KlFileSystem, LocalFolderAndNetworkCachePaths) {
 
     const std::string cache = std::string(klFileSystem::CanonicalPath(local)) + "cache/network";
     const char* const forms[][2] = {{"http://h:80/a/b.txt", "/a/b.txt"},
-                                    {"http://h", ""},
-                                    {"http://", ""},
+                                    {"http://h", "/%index"},
+                                    {"http://", "/%index"},
+                                    {"http://h/d/", "/d/%index"},
                                     {"http:///x", "/x"},
                                     {"http://h/a..b/..c/.x", "/a..b/..c/.x"},
                                     {"http://h/a//b?q=1", "/a//b?q=1"}};
@@ -353,7 +354,7 @@ TEST(KlFileSystem, LocalFolderAndNetworkCachePaths) {
     EXPECT_EQ(cache + sep + "game/x", klFileSystem::NetworkCachePath("http://h/x").Const());
     for (const char* url : {"http://h/../x", "http://h/a/..", "http://h/a/%2e%2E/x", "http://h/a%2f..%2Fx",
                             "http://h/a\\..\\x", "http://h/.../x", "http://h/. ./x", "http://h/c:/x",
-                            "http://h/a%00b", "http://h/..%5cx"})
+                            "http://h/a%00b", "http://h/..%5cx", "http://h/a%zz"})
         EXPECT_STREQ("", klFileSystem::NetworkCachePath(url)) << url;
     klFileSystem::SetNetworkCacheName("../up");
     EXPECT_STREQ("", klFileSystem::NetworkCachePath("http://h/x"));

@@ -7,9 +7,11 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #ifdef _WIN32
 #include <winsock2.h>
+#include <windows.h>
 using socklen_t = int;
 #else
 #include <arpa/inet.h>
@@ -108,86 +110,25 @@ void CloseSocket(int32_t s) {
 #endif
 }
 
-#ifdef _WIN32
-
-TestServer::~TestServer() = default;
-
-// The ctest fixture started a "basic" server on the host and named its port in a file.
-bool StartFaultServer(TestServer* server, const char* scenario, int) {
-    const char* portfile = std::getenv("KEEL_NET_FIXTURE_PORTFILE");
-    if (!portfile || std::strcmp(scenario, "basic") != 0) return false;
-    std::istringstream line(ReadWholeFile(portfile));
-    return bool(line >> server->port) && server->port > 0;
-}
-bool StartNginx(TestServer*) { return false; }
-bool StartApache(TestServer*) { return false; }
-
-#else
-
 namespace {
 
-bool MakeTempDir(TestServer* server) {
-    char pattern[] = "/tmp/keelnet-XXXXXX";
-    if (!mkdtemp(pattern)) return false;
-    server->dir = pattern;
-    return true;
-}
-
 bool Accepts(int port) {
-    const int s = socket(AF_INET, SOCK_STREAM, 0);
+    const auto s = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in at{};
     at.sin_family = AF_INET;
     at.sin_port = htons(uint16_t(port));
     at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const bool ok = connect(s, reinterpret_cast<sockaddr*>(&at), sizeof(at)) == 0;
-    close(s);
+    CloseSocket(int32_t(s));
     return ok;
 }
 
-bool Exited(long pid) { return waitpid(pid_t(pid), nullptr, WNOHANG) != 0; }
-
-// Runs argv with stdin and stdout given (-1: /dev/null); returns the pid or -1.
-long Spawn(const char* const* argv, int in, int out) {
-    const pid_t pid = fork();
-    if (pid != 0) return pid;
-    const int quiet = open("/dev/null", O_RDWR);
-    dup2(in >= 0 ? in : quiet, 0);
-    dup2(out >= 0 ? out : quiet, 1);
-    for (int fd = 3; fd < 256; ++fd) close(fd);
-    execvp(argv[0], const_cast<char* const*>(argv));
-    _exit(127);
-}
-
-// SIGTERM, then SIGKILL when it is still there after 5 s; the folder goes too.
-void Stop(TestServer* server) {
-    if (server->pid > 0) {
-        kill(pid_t(server->pid), SIGTERM);
-        for (int i = 0; i < 500 && !Exited(server->pid); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        if (!Exited(server->pid) && kill(pid_t(server->pid), SIGKILL) == 0) waitpid(pid_t(server->pid), nullptr, 0);
-    }
-    if (server->control >= 0) close(server->control);
-    server->control = -1;
-    server->pid = -1;
-    server->port = 0;
-    std::error_code ignored;
-    if (!server->dir.empty()) fs::remove_all(server->dir, ignored);
-    server->dir.clear();
-}
-
-// Waits up to 10 s for the port to accept while the process lives; stops it otherwise.
-bool WaitUntilUp(TestServer* server) {
-    for (int i = 0; i < 1000 && server->pid > 0 && server->port > 0 && !Exited(server->pid); ++i) {
-        if (Accepts(server->port)) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    Stop(server);
-    return false;
-}
-
-const char* FindNginx() {
-    for (const char* path : {"/usr/sbin/nginx", "/usr/local/sbin/nginx", "/usr/local/nginx/sbin/nginx", "/usr/bin/nginx"})
-        if (access(path, X_OK) == 0) return path;
-    return nullptr;
+// The first of the usual places where a host program is installed (a unix path: under
+// wine the drive the tests run on maps it), or "".
+std::string FindProgram(std::initializer_list<const char*> paths) {
+    for (const char* path : paths)
+        if (fs::exists(path)) return path;
+    return "";
 }
 
 std::string NginxConfig(const TestServer& s) {
@@ -207,12 +148,6 @@ std::string NginxConfig(const TestServer& s) {
     return c;
 }
 
-const char* FindApache() {
-    for (const char* path : {"/usr/sbin/apache2", "/usr/sbin/httpd"})
-        if (access(path, X_OK) == 0) return path;
-    return nullptr;
-}
-
 std::string ApacheConfig(const TestServer& s) {
     std::string c = "ServerRoot " + s.dir + "\nServerName 127.0.0.1\nListen 127.0.0.1:" + std::to_string(s.port) + "\n";
     for (const char* module : {"mpm_event", "authz_core", "alias", "mime"})
@@ -225,48 +160,178 @@ std::string ApacheConfig(const TestServer& s) {
     return c;
 }
 
+// A private folder with a document root that any user may read.
+bool MakeServerDir(TestServer* server);
+// Starts argv (a host program), its stdin and stdout given (-1: none); pid or -1.
+long Spawn(const std::vector<std::string>& argv, int in, int out);
+void Stop(TestServer* server);
+
+// Waits up to 10 s for the port to accept; stops the server otherwise.
+bool WaitUntilUp(TestServer* server);
 } // namespace
 
-TestServer::~TestServer() { Stop(this); }
-
 bool StartNginx(TestServer* server) {
-    const char* nginx = FindNginx();
-    if (!nginx || !MakeTempDir(server)) return false;
-    server->root = server->dir + "/www";
-    fs::create_directories(server->root);
-    server->port = UnusedPort();
+    const std::string nginx = FindProgram({"/usr/sbin/nginx", "/usr/local/sbin/nginx", "/usr/bin/nginx"});
+    if (nginx.empty() || !MakeServerDir(server)) return false;
     const std::string conf = server->dir + "/nginx.conf", errors = server->dir + "/error.log";
+    server->port = UnusedPort();
     std::ofstream(conf) << NginxConfig(*server);
-    const char* argv[] = {nginx, "-p", server->dir.c_str(), "-c", conf.c_str(), "-e", errors.c_str(), nullptr};
-    server->pid = Spawn(argv, -1, -1);
+    server->stop = {nginx, "-p", server->dir, "-c", conf, "-e", errors, "-s", "stop"};
+    server->pid = Spawn({nginx, "-p", server->dir, "-c", conf, "-e", errors}, -1, -1);
     return WaitUntilUp(server);
 }
 
 bool StartApache(TestServer* server) {
-    const char* apache = FindApache();
-    if (!apache || !MakeTempDir(server)) return false;
+    const std::string apache = FindProgram({"/usr/sbin/apache2", "/usr/sbin/httpd"});
+    if (apache.empty() || !MakeServerDir(server)) return false;
+    const std::string conf = server->dir + "/httpd.conf";
+    server->port = UnusedPort();
+    std::ofstream(conf) << ApacheConfig(*server);
+    server->stop = {apache, "-f", conf, "-k", "stop"};
+    // -X: one process in the foreground, which SIGTERM ends.
+    server->pid = Spawn({apache, "-f", conf, "-X"}, -1, -1);
+    return WaitUntilUp(server);
+}
+
+#ifdef _WIN32
+
+// Under wine the servers are host programs: CreateProcess runs a unix program given by
+// its unix path, and unix paths name files on the drive the tests run from. The folders
+// lie below KEEL_NET_HOST_DIR (a unix path); without it (real Windows) nothing starts.
+namespace {
+
+bool MakeServerDir(TestServer* server) {
+    static int serial = 0;
+    const char* base = std::getenv("KEEL_NET_HOST_DIR");
+    if (!base) return false;
+    server->dir = std::string(base) + "/keelnet-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++serial);
+    server->root = server->dir + "/www";
+    std::error_code failed;
+    fs::create_directories(server->root, failed);
+    return !failed;
+}
+
+long Spawn(const std::vector<std::string>& argv, int, int) {
+    std::string line;
+    for (const std::string& arg : argv) line += (line.empty() ? "" : " ") + arg;
+    STARTUPINFOA startup{};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION process{};
+    if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
+        return -1;
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    return 1; // a host process has no handle to wait on here
+}
+
+void Stop(TestServer* server) {
+    if (!server->stop.empty()) Spawn(server->stop, -1, -1);
+    for (int i = 0; i < 500 && server->port > 0 && Accepts(server->port); ++i) Sleep(10);
+    server->stop.clear();
+    server->pid = -1;
+    server->port = 0;
+    std::error_code ignored;
+    if (!server->dir.empty()) fs::remove_all(server->dir, ignored);
+    server->dir.clear();
+}
+
+bool WaitUntilUp(TestServer* server) {
+    for (int i = 0; i < 1000 && server->pid > 0 && server->port > 0; ++i) {
+        if (Accepts(server->port)) return true;
+        Sleep(10);
+    }
+    Stop(server);
+    return false;
+}
+
+} // namespace
+
+TestServer::~TestServer() { Stop(this); }
+
+// The server detaches itself and names its port in a file.
+bool StartFaultServer(TestServer* server, const char* scenario, int upstream) {
+    const char* python = std::getenv("KEEL_NET_HOST_PYTHON");
+    if (!python || !MakeServerDir(server)) return false;
+    server->requests = server->dir + "/requests.log";
+    const std::string portfile = server->dir + "/port";
+    server->stop = {python, KEEL_NET_FAULT_SERVER, "--stop", portfile};
+    server->pid = Spawn({python, KEEL_NET_FAULT_SERVER, scenario, server->requests, "--upstream",
+                         std::to_string(upstream), "--portfile", portfile},
+                        -1, -1);
+    for (int i = 0; i < 1000 && server->pid > 0 && !fs::exists(portfile); ++i) Sleep(10);
+    std::istringstream line(ReadWholeFile(portfile));
+    if (!(line >> server->port)) server->port = 0;
+    return WaitUntilUp(server);
+}
+
+#else
+
+namespace {
+
+bool MakeServerDir(TestServer* server) {
+    char pattern[] = "/tmp/keelnet-XXXXXX";
+    if (!mkdtemp(pattern)) return false;
+    server->dir = pattern;
     server->root = server->dir + "/www";
     fs::create_directories(server->root);
     for (const fs::path& folder : {fs::path(server->dir), fs::path(server->root)})
         fs::permissions(folder, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
                                     fs::perms::others_read | fs::perms::others_exec);
-    server->port = UnusedPort();
-    const std::string conf = server->dir + "/httpd.conf";
-    std::ofstream(conf) << ApacheConfig(*server);
-    // -X: one process in the foreground, which SIGTERM ends.
-    const char* argv[] = {apache, "-f", conf.c_str(), "-X", nullptr};
-    server->pid = Spawn(argv, -1, -1);
-    return WaitUntilUp(server);
+    return true;
 }
+
+bool Exited(long pid) { return waitpid(pid_t(pid), nullptr, WNOHANG) != 0; }
+
+long Spawn(const std::vector<std::string>& argv, int in, int out) {
+    std::vector<char*> args;
+    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid != 0) return pid;
+    const int quiet = open("/dev/null", O_RDWR);
+    dup2(in >= 0 ? in : quiet, 0);
+    dup2(out >= 0 ? out : quiet, 1);
+    for (int fd = 3; fd < 256; ++fd) close(fd);
+    execvp(args[0], args.data());
+    _exit(127);
+}
+
+// SIGTERM, then SIGKILL when it is still there after 5 s; the folder goes too.
+void Stop(TestServer* server) {
+    if (server->pid > 0) {
+        kill(pid_t(server->pid), SIGTERM);
+        for (int i = 0; i < 500 && !Exited(server->pid); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        if (!Exited(server->pid) && kill(pid_t(server->pid), SIGKILL) == 0) waitpid(pid_t(server->pid), nullptr, 0);
+    }
+    if (server->control >= 0) close(server->control);
+    server->control = -1;
+    server->pid = -1;
+    server->port = 0;
+    std::error_code ignored;
+    if (!server->dir.empty()) fs::remove_all(server->dir, ignored);
+    server->dir.clear();
+}
+
+bool WaitUntilUp(TestServer* server) {
+    for (int i = 0; i < 1000 && server->pid > 0 && server->port > 0 && !Exited(server->pid); ++i) {
+        if (Accepts(server->port)) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    Stop(server);
+    return false;
+}
+
+} // namespace
+
+TestServer::~TestServer() { Stop(this); }
 
 bool StartFaultServer(TestServer* server, const char* scenario, int upstream) {
     int in[2], out[2];
-    if (!MakeTempDir(server) || pipe(in) != 0 || pipe(out) != 0) return false;
+    if (!MakeServerDir(server) || pipe(in) != 0 || pipe(out) != 0) return false;
     server->requests = server->dir + "/requests.log";
-    const std::string upstreamPort = std::to_string(upstream);
-    const char* argv[] = {"python3", KEEL_NET_FAULT_SERVER, scenario, server->requests.c_str(), "--upstream",
-                          upstreamPort.c_str(), nullptr};
-    server->pid = Spawn(argv, in[0], out[1]);
+    server->pid = Spawn({"python3", KEEL_NET_FAULT_SERVER, scenario, server->requests, "--upstream",
+                         std::to_string(upstream)},
+                        in[0], out[1]);
     close(in[0]);
     close(out[1]);
     // The server ends when its stdin closes: our end stays open, inherited by no one.

@@ -14,13 +14,16 @@
 //
 //   StartFaultServer: tests/net/fault_server.py under python3, one scenario per process;
 //   every request head it receives is appended raw to `requests`, each connection's first
-//   after a line "CONNECT". upstream: the port "cutproxy" forwards to. Under wine no process
-//   can be started: only "basic" works, served by the ctest fixture on the host, whose
-//   port is in the file named by KEEL_NET_FIXTURE_PORTFILE (and StartNginx fails).
+//   after a line "CONNECT". upstream: the port "cutproxy" forwards to.
+//
+// Under wine the same servers run as host programs (wine starts a unix program named by
+// its unix path) in folders below KEEL_NET_HOST_DIR, the fault server under
+// KEEL_NET_HOST_PYTHON; ctest sets both. On real Windows nothing starts and the tests skip.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace keelnet {
 
@@ -31,6 +34,7 @@ struct TestServer {
     std::string requests; // fault server: raw request heads log
     long pid = -1;        // server process; -1 when not running (or not ours to stop)
     int control = -1;     // fault server: our end of its stdin (it exits when that closes)
+    std::vector<std::string> stop; // under wine: the host command that stops it
 
     TestServer() = default;
     TestServer(const TestServer&) = delete;
