@@ -65,7 +65,9 @@ static_assert(sizeof(void*) != 4 || klBlobBucketPool::ELEMENT_SIZE == 2064,
 klByteBucket::klByteBucket(uint32_t allocated, uint32_t alignment)
     : mAllocated(allocated), mBytes(nullptr), mAlignOffset(0), mSize(0) {
     if (!klAssert(mAllocated > 0)) mAllocated = 1;
-    auto* block = static_cast<uint8_t*>(klAlloc(size_t(mAllocated) + alignment));
+    // The sum can pass the largest size_t where it is 32 bits wide.
+    auto* block = static_cast<uint8_t*>(kl::detail::AllocPadded(mAllocated, alignment));
+    if (!block) return; // only a test's fatal hook returns
     if (alignment) {
         // An aligned block moves by a full alignment too: the slack is there either way,
         // and the offset is then never 0.
