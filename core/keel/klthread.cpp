@@ -1,6 +1,7 @@
 // The portable half of threads and thread-local slots.
 #include "keel/klthread.h"
 
+#include "keel/klcrash.h"
 #include "keel/kllog.h"
 #include "keel/klmalloc.h"
 #include "keel/klplatform.h"
@@ -94,6 +95,9 @@ void klThread::SetName(const char* name) {
 void klThread::ThreadMain() {
     klSetThreadName(mName);
     if (klThreadHookFn begin = klThreadBeginHook) begin();
+    // After the hook, so that nothing it sets up for signals displaces this: even a stack
+    // overflow in Run() ends in the death report.
+    klUseCrashStack();
     Run();
     if (klThreadHookFn end = klThreadEndHook) end();
 }
