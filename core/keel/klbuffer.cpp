@@ -10,18 +10,25 @@
 
 template <uint32_t BUCKET_POOL_MEMORY_SIZE, uint32_t BUCKET_POOL_GROW_BY>
 klByteBucketPool<BUCKET_POOL_MEMORY_SIZE, BUCKET_POOL_GROW_BY>::klByteBucketPool()
-    : mNodes(ELEMENT_SIZE, BUCKET_POOL_GROW_BY, ELEMENT_ALIGNMENT) {
+    : mNodes(new klSafeQueue::NodePool(ELEMENT_SIZE, BUCKET_POOL_GROW_BY, ELEMENT_ALIGNMENT)) {
     klAtomicStore(&sRunning, this);
 }
 
 template <uint32_t BUCKET_POOL_MEMORY_SIZE, uint32_t BUCKET_POOL_GROW_BY>
 klByteBucketPool<BUCKET_POOL_MEMORY_SIZE, BUCKET_POOL_GROW_BY>::~klByteBucketPool() {
     klAtomicStore(&sRunning, static_cast<klByteBucketPool*>(nullptr));
+    if (klFatalAssert(InUse() == 0, "a pooled klBlob is still held at Shutdown")) {
+        delete mNodes;
+        return;
+    }
+    // Only a fatal hook that returns gets here. The blobs still held keep using their
+    // blocks, so the pool's memory is left to them rather than freed under them.
+    sAbandoned = mNodes;
 }
 
 template <uint32_t BUCKET_POOL_MEMORY_SIZE, uint32_t BUCKET_POOL_GROW_BY>
 klByteBucket* klByteBucketPool<BUCKET_POOL_MEMORY_SIZE, BUCKET_POOL_GROW_BY>::Take() {
-    void* block = mNodes.Alloc();
+    void* block = mNodes->Alloc();
     if (!block) return nullptr;
     return new (block) klByteBucket(klByteBucket::PoolRecord(), BUCKET_POOL_MEMORY_SIZE);
 }
@@ -30,7 +37,7 @@ template <uint32_t BUCKET_POOL_MEMORY_SIZE, uint32_t BUCKET_POOL_GROW_BY>
 void klByteBucketPool<BUCKET_POOL_MEMORY_SIZE, BUCKET_POOL_GROW_BY>::Give(klByteBucket* bucket) {
     bucket->mBytes = nullptr;
     bucket->~klByteBucket();
-    mNodes.Free(bucket);
+    mNodes->Free(bucket);
 }
 
 template <uint32_t BUCKET_POOL_MEMORY_SIZE, uint32_t BUCKET_POOL_GROW_BY>
@@ -42,8 +49,9 @@ operator()(klByteBucket* bucket) const {
     const bool sizeOk = klAssertAs(bucket->mAllocated == BUCKET_POOL_MEMORY_SIZE,
                                    "mAllocated == BUCKET_POOL_MEMORY_SIZE");
     if (!offsetOk || !sizeOk) return;
-    // A bucket that outlives the pool is reported by Instance(); its memory went with the pool.
-    if (klByteBucketPool* pool = klSingleton<klByteBucketPool>::Instance()) pool->Give(bucket);
+    // A bucket that outlived the pool was reported when the pool died, which left it its
+    // memory; a pool is never created again, so there is nothing to give it back to.
+    if (klByteBucketPool* pool = Running()) pool->Give(bucket);
 }
 
 template class klByteBucketPool<2048, 32>;
@@ -57,7 +65,9 @@ static_assert(sizeof(void*) != 4 || klBlobBucketPool::ELEMENT_SIZE == 2064,
 klByteBucket::klByteBucket(uint32_t allocated, uint32_t alignment)
     : mAllocated(allocated), mBytes(nullptr), mAlignOffset(0), mSize(0) {
     if (!klAssert(mAllocated > 0)) mAllocated = 1;
-    auto* block = static_cast<uint8_t*>(klAlloc(size_t(mAllocated) + alignment));
+    // The sum can pass the largest size_t where it is 32 bits wide.
+    auto* block = static_cast<uint8_t*>(kl::detail::AllocPadded(mAllocated, alignment));
+    if (!block) return; // only a test's fatal hook returns
     if (alignment) {
         // An aligned block moves by a full alignment too: the slack is there either way,
         // and the offset is then never 0.
@@ -107,7 +117,7 @@ std::shared_ptr<klByteBucket> klBlob::Reallocate(uint32_t newSize, bool keepCont
     // Size 0 always gives the bucket back, shared or not: an empty blob holds nothing.
     if (newSize == 0) return std::move(mBucket);
     const uint32_t capacity = mBucket ? mBucket->GetAllocated() : 0;
-    if (mBucket && mBucket.use_count() == 1 && newSize <= capacity && MeetsAlignment()) {
+    if (mBucket && SoleOwner() && newSize <= capacity && MeetsAlignment()) {
         mBucket->SetSize(newSize);
         return {};
     }
@@ -121,6 +131,16 @@ std::shared_ptr<klByteBucket> klBlob::Reallocate(uint32_t newSize, bool keepCont
         std::memcpy(mBucket->GetBytes(), old->GetBytes(), std::min(old->GetSize(), newSize));
     mBucket->SetSize(newSize);
     return old;
+}
+
+bool klBlob::SoleOwner() const {
+    if (mBucket.use_count() != 1) return false;
+    // use_count() is a relaxed read: seeing 1 does not order the last other holder's
+    // reads of the bytes before our writes. Taking and dropping a reference is an
+    // acquire-release change of the same count, which reads that holder's release and so
+    // synchronises with it.
+    std::shared_ptr<klByteBucket> probe = mBucket;
+    return true;
 }
 
 uint8_t* klBlob::WritePtr(uint32_t offset) {

@@ -60,7 +60,10 @@ private:
 
 // The process-wide pool of small buckets: BUCKET_POOL_MEMORY_SIZE usable bytes each,
 // BUCKET_POOL_GROW_BY more blocks whenever it runs dry. A keel singleton, created first by
-// klObjectLifetimeManager::Initialize and destroyed last by Shutdown.
+// klObjectLifetimeManager::Initialize and destroyed last by Shutdown. Every pooled blob
+// must be released before Shutdown: one still held there is a fatal assertion ("a pooled
+// klBlob is still held at Shutdown"). Should the fatal hook return, the pool's memory is
+// deliberately leaked so that the blobs still held stay valid.
 template <uint32_t BUCKET_POOL_MEMORY_SIZE, uint32_t BUCKET_POOL_GROW_BY> class klByteBucketPool {
 public:
     // One pool block: the bucket record, then its bytes. 2064 bytes where pointers are
@@ -85,14 +88,15 @@ public:
     klByteBucket* Take();
     void Give(klByteBucket* bucket);
     // Blocks handed out and not yet given back.
-    uint32_t InUse() const { return mNodes.Count(); }
+    uint32_t InUse() const { return mNodes->Count(); }
 
     // The living pool, or null before Initialize and after Shutdown.
     static klByteBucketPool* Running() { return klAtomicLoad(&sRunning); }
 
 private:
-    klSafeQueue::NodePool mNodes;
+    klSafeQueue::NodePool* mNodes; // left allocated when blocks outlive the pool
     static inline klByteBucketPool* sRunning = nullptr;
+    static inline klSafeQueue::NodePool* sAbandoned = nullptr; // the deliberate leak, kept in reach
 };
 
 namespace klBufferDetails {
@@ -158,6 +162,9 @@ private:
     // the change happened in place) so that a caller copying from it can finish first.
     std::shared_ptr<klByteBucket> Reallocate(uint32_t newSize, bool keepContents);
     bool MeetsAlignment() const;
+    // True when no other blob shares the bucket, and every write by this thread is ordered
+    // after the reads of the holders that have let it go (they may live on other threads).
+    bool SoleOwner() const;
 
     std::shared_ptr<klByteBucket> mBucket;
     uint32_t mAlignment;

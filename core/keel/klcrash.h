@@ -1,5 +1,13 @@
 // Crash handling: routes aborts, std::terminate, crash signals (Linux), pure virtual
 // calls and invalid C runtime parameters (Windows) into klDie, and writes minidumps.
+//
+// Crashes on other threads (Linux): the signal handlers serve every thread of the
+// process, so a crash on any thread ends in the one death report and exit code 123; a
+// second thread crashing meanwhile stops where it is. A stack overflow leaves no room to
+// run a handler on the thread's own stack, so it needs the thread's alternate signal
+// stack: the installing thread and every klThread get one by themselves, any other
+// thread asks with klUseCrashStack(). A thread without one that overflows its stack is
+// ended by the system (SIGSEGV, exit 139) with no report.
 #pragma once
 
 #include "keel/klstring.h"
@@ -16,6 +24,12 @@ void klInstallCrashHandlers(bool enable, klCrashFilter filter);
 // Installs again with the flag and filter of the last klInstallCrashHandlers call.
 void klReinstallCrashHandlers();
 bool klCrashHandlersInstalled();
+
+// Gives the calling thread its own alternate signal stack (Linux), kept until the thread
+// ends, so that the crash handlers can report even its stack overflow. Calling it again
+// does nothing. False when the system refused. Windows reports overflows through the
+// exception filter and needs nothing: true.
+bool klUseCrashStack();
 
 // Writes a full-memory dump named "<temp dir><name>.dmp" through the dump library.
 // Returns the dump's path (valid until the next call), or null on any failure; always

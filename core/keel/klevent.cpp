@@ -13,14 +13,14 @@ namespace {
 // ---------------------------------------------------------------------------------------
 // The clock
 
-void WaitOnCondition(uint32_t ms);
-
 kl::detail::EventClock gClock = {nullptr, 0, nullptr};
 
-// The system clock is read on first use, like the counter frequency it depends on.
+// The system clock is read on first use, like the counter frequency it depends on; loops
+// on several threads may be first together.
 const kl::detail::EventClock& Clock() {
-    if (!gClock.counter) gClock = {kl::platform::PerformanceCounter, kl::platform::PerformanceFrequency(), nullptr};
-    return gClock;
+    static const kl::detail::EventClock system = {kl::platform::PerformanceCounter,
+                                                  kl::platform::PerformanceFrequency(), nullptr};
+    return gClock.counter ? gClock : system;
 }
 
 // a * b / c without overflowing for the counts a frame loop sees over days.
@@ -50,23 +50,6 @@ struct DelayedRecords {
     uint64_t nextSerial = 0;
     klMutex lock{"sPendingEventsLock"};
 };
-
-std::atomic<TickLists*> gTickLists{nullptr};
-std::atomic<DelayedRecords*> gDelayed{nullptr};
-std::atomic<bool> gStop{false};
-double gLastSleep = 0.0;
-
-// Creates *slot once, whoever gets there first.
-template <class T> T* Ensure(std::atomic<T*>& slot) {
-    T* current = slot.load(std::memory_order_acquire);
-    if (current) return current;
-    T* fresh = new T();
-    if (slot.compare_exchange_strong(current, fresh, std::memory_order_acq_rel)) return fresh;
-    delete fresh;
-    return current;
-}
-
-template <class T> void Destroy(std::atomic<T*>& slot) { delete slot.exchange(nullptr); }
 
 void Append(TickList& list, klTickFunc fn) {
     klScopedLock<klMutex> hold(list.lock);
@@ -140,18 +123,22 @@ public:
         }
         if (sleep > 0.001) {
             const uint32_t ms = static_cast<uint32_t>(sleep);
-            if (Clock().sleepMs)
+            if (Clock().sleepMs) {
                 Clock().sleepMs(ms);
-            else
-                WaitOnCondition(ms);
+            } else { // a timed wait that nothing signals
+                mSleeper.Lock();
+                mSleeper.Wait(ms);
+                mSleeper.Unlock();
+            }
         }
         mFrameSum += delta - mFrames[mIndex];
         mSleepSum += sleep - mSleeps[mIndex];
         mFrames[mIndex] = delta;
         mSleeps[mIndex] = sleep;
         mIndex = (mIndex + 1) % kRing;
-        gLastSleep = sleep;
+        mLastSleep = sleep;
     }
+    double LastSleep() const { return mLastSleep; }
 
 private:
     static constexpr uint32_t kRing = 128;
@@ -161,15 +148,12 @@ private:
     double mSleeps[kRing] = {};
     double mFrameSum = 0.0, mSleepSum = 0.0;
     uint32_t mIndex = 0;
+    double mLastSleep = 0.0;
+    klCondition mSleeper;
 };
 
-// A timed wait that nothing signals: the limiter's sleep.
-void WaitOnCondition(uint32_t ms) {
-    static klCondition condition;
-    condition.Lock();
-    condition.Wait(ms);
-    condition.Unlock();
-}
+// The loop the calling thread is running, if any.
+thread_local klEventLoop* tRunningLoop = nullptr;
 
 } // namespace
 
@@ -185,42 +169,89 @@ int64_t klTimer::ElapsedMicroseconds(bool reset) {
     return micros;
 }
 
-void klAddTickFunc(klTickFunc fn) { Append(Ensure(gTickLists)->pendingAdd, fn); }
+struct klEventLoop::State {
+    TickLists ticks;
+    DelayedRecords delayed;
+    std::atomic<bool> stop{false};
+    double lastSleep = 0.0; // written by the running loop only
+};
 
-void klRemoveTickFunc(klTickFunc fn) { Append(Ensure(gTickLists)->pendingRemove, fn); }
+klEventLoop::klEventLoop() : mState(new State) {}
 
-void klPostDelayed(float delayMs, klEventCallback* callback) {
+klEventLoop::~klEventLoop() { delete mState; }
+
+void klEventLoop::AddTickFunc(klTickFunc fn) { Append(mState->ticks.pendingAdd, fn); }
+
+void klEventLoop::RemoveTickFunc(klTickFunc fn) { Append(mState->ticks.pendingRemove, fn); }
+
+void klEventLoop::PostDelayed(float delayMs, klEventCallback* callback) {
     klFatal("", "TODO: Flesh out event system... use 'klTickFunc' otherwise");
-    DelayedRecords* records = Ensure(gDelayed);
-    klScopedLock<klMutex> hold(records->lock);
-    records->items.push_back({0.0, delayMs, callback, records->nextSerial++});
+    DelayedRecords& records = mState->delayed;
+    klScopedLock<klMutex> hold(records.lock);
+    records.items.push_back({0.0, delayMs, callback, records.nextSerial++});
 }
 
-void klStopEventLoop(bool stop) { gStop.store(stop); }
+void klEventLoop::Stop(bool stop) { mState->stop.store(stop); }
 
-bool klEventLoopStopping() { return gStop.load(); }
+bool klEventLoop::Stopping() const { return mState->stop.load(); }
 
-void klRunEventLoop(uint32_t fps, klEventCallback* perFrame) {
+double klEventLoop::LastLimiterSleep() const { return mState->lastSleep; }
+
+// Every list is emptied once the loop ends: what was added for this run goes with it.
+void klEventLoop::Run(uint32_t fps, klEventCallback* perFrame) {
+    klEventLoop* const outer = tRunningLoop;
+    tRunningLoop = this;
+    const bool stats = this == &klHostEventLoop(); // one process-wide set of statistics
     FrameLimiter limiter(fps);
-    TickLists* lists = Ensure(gTickLists);
-    DelayedRecords* delayed = Ensure(gDelayed);
     klTimer frame;
     frame.Start();
-    klFrameStats::Reset();
-    while (!klEventLoopStopping()) {
-        klFrameStats::Begin(klFrameStats::kFramePeriod);
+    if (stats) klFrameStats::Reset();
+    while (!Stopping()) {
+        if (stats) klFrameStats::Begin(klFrameStats::kFramePeriod);
         if (perFrame) perFrame->Invoke();
         const double delta = frame.ElapsedMilliseconds(true);
         klAssert(delta >= 0.0f);
-        UpdateDelayed(*delayed, delta);
-        UpdateTicks(*lists, delta);
-        if (delta > 0) limiter.Run(delta);
-        klFrameStats::End(klFrameStats::kFramePeriod);
-        klFrameStats::EndFrame();
+        UpdateDelayed(mState->delayed, delta);
+        UpdateTicks(mState->ticks, delta);
+        if (delta > 0) {
+            limiter.Run(delta);
+            mState->lastSleep = limiter.LastSleep();
+        }
+        if (stats) {
+            klFrameStats::End(klFrameStats::kFramePeriod);
+            klFrameStats::EndFrame();
+        }
     }
-    Destroy(gDelayed);
-    Destroy(gTickLists);
+    for (TickList* list : {&mState->ticks.pendingAdd, &mState->ticks.active, &mState->ticks.pendingRemove}) {
+        klScopedLock<klMutex> hold(list->lock);
+        list->funcs.clear();
+    }
+    klScopedLock<klMutex> hold(mState->delayed.lock);
+    mState->delayed.items.clear();
+    tRunningLoop = outer;
 }
+
+// Never destroyed: a tick function or a signal handler may reach it during exit.
+klEventLoop& klHostEventLoop() {
+    static klEventLoop* const host = new klEventLoop;
+    return *host;
+}
+
+namespace {
+klEventLoop& CallersLoop() { return tRunningLoop ? *tRunningLoop : klHostEventLoop(); }
+} // namespace
+
+void klAddTickFunc(klTickFunc fn) { CallersLoop().AddTickFunc(fn); }
+
+void klRemoveTickFunc(klTickFunc fn) { CallersLoop().RemoveTickFunc(fn); }
+
+void klPostDelayed(float delayMs, klEventCallback* callback) { CallersLoop().PostDelayed(delayMs, callback); }
+
+void klStopEventLoop(bool stop) { CallersLoop().Stop(stop); }
+
+bool klEventLoopStopping() { return CallersLoop().Stopping(); }
+
+void klRunEventLoop(uint32_t fps, klEventCallback* perFrame) { CallersLoop().Run(fps, perFrame); }
 
 klEventThread::klEventThread(uint32_t fps, klEventCallback* owned)
     : klThread("klThreadUnnamed", 0x40000), mFps(fps), mOwned(owned) {}
@@ -231,7 +262,7 @@ klEventThread::~klEventThread() {
 }
 
 void klEventThread::Run() {
-    klRunEventLoop(mFps, nullptr);
+    mLoop.Run(mFps, nullptr);
     if (!mOwned) return;
     mOwned->Invoke();
     delete mOwned;
@@ -244,4 +275,4 @@ kl::detail::EventClock kl::detail::SetEventClock(const EventClock* clock) {
     return before;
 }
 
-double kl::detail::LastLimiterSleep() { return gLastSleep; }
+double kl::detail::LastLimiterSleep() { return CallersLoop().LastLimiterSleep(); }

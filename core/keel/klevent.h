@@ -7,7 +7,8 @@
 //   klRunEventLoop(60, nullptr);           // returns once klStopEventLoop() was called
 //
 // klStopEventLoop is how the host ends the loop: the current frame finishes, and the
-// loop returns. Call klStopEventLoop(false) before running a loop again.
+// loop returns. Call klStopEventLoop(false) before running a loop again. Each loop owns
+// its state (klEventLoop): a klEventThread runs its own, apart from the host's.
 #pragma once
 
 #include "keel/klthread.h"
@@ -30,12 +31,6 @@ private:
 // What the loop calls: a function taking the frame's length in milliseconds.
 using klTickFunc = void (*)(double deltaMs);
 
-// Adds or removes a tick function. Both only queue the change, which the loop applies at
-// the start of the next frame's tick update (removals before additions), so they are safe
-// from any thread and from inside a tick function.
-void klAddTickFunc(klTickFunc fn);
-void klRemoveTickFunc(klTickFunc fn);
-
 // A callback object; the loop calls Invoke.
 class klEventCallback {
 public:
@@ -43,36 +38,80 @@ public:
     virtual void Invoke() = 0;
 };
 
+// One frame loop and everything it owns: its tick functions, its delayed callbacks, its
+// frame-rate limiter and its stop flag. Loops on different threads share nothing, so
+// stopping one stops only it. The host's loop is klHostEventLoop(); every klEventThread
+// has its own.
+class klEventLoop {
+public:
+    klEventLoop();
+    ~klEventLoop();
+    klEventLoop(const klEventLoop&) = delete;
+    klEventLoop& operator=(const klEventLoop&) = delete;
+
+    // Add or remove a tick function. Both only queue the change, which the loop applies
+    // at the start of the next frame's tick update (removals before additions), so they
+    // are safe from any thread and from inside a tick function.
+    void AddTickFunc(klTickFunc fn);
+    void RemoveTickFunc(klTickFunc fn);
+    // See klPostDelayed.
+    void PostDelayed(float delayMs, klEventCallback* callback);
+    // Runs frames until Stop: calls perFrame (may be null) first in every frame, then the
+    // delayed callbacks and the tick functions with the frame's length, then sleeps what
+    // is left of 1000 / fps milliseconds (fps 0: never sleeps). The tick functions are
+    // dropped when it returns. Only the host's loop feeds the frame statistics (klstats.h),
+    // which are one process-wide set.
+    void Run(uint32_t fps, klEventCallback* perFrame);
+    // Sets (or clears) the flag that ends Run after the current frame.
+    void Stop(bool stop = true);
+    bool Stopping() const;
+    // The limiter's last sleep in milliseconds.
+    double LastLimiterSleep() const;
+
+private:
+    struct State;
+    State* mState;
+};
+
+// The loop that the host runs on its own thread.
+klEventLoop& klHostEventLoop();
+
+// The functions below act on the calling thread's loop: the one it is running (inside a
+// tick function of a klEventThread, that thread's loop), else the host's loop.
+void klAddTickFunc(klTickFunc fn);
+void klRemoveTickFunc(klTickFunc fn);
+
 // One-shot delayed callbacks are not built out: posting one goes through the fatal
 // assertion hook (which ends the process by default). Use a tick function instead.
 // When the hook returns, the callback (not owned) runs once delayMs have passed.
 void klPostDelayed(float delayMs, klEventCallback* callback);
 
-// Runs frames until klStopEventLoop: calls perFrame (may be null) first in every frame,
-// then the delayed callbacks and the tick functions with the frame's length, then sleeps
-// what is left of 1000 / fps milliseconds (fps 0: never sleeps). The tick functions are
-// dropped when the loop returns.
+// Runs the calling thread's loop (see klEventLoop::Run).
 void klRunEventLoop(uint32_t fps, klEventCallback* perFrame);
-// Sets (or clears) the flag that ends klRunEventLoop after the current frame.
+// Sets (or clears) the stop flag of the calling thread's loop; from any other thread (a
+// signal handler's, say) that is the host's loop.
 void klStopEventLoop(bool stop = true);
 bool klEventLoopStopping();
 
-// A thread running klRunEventLoop(fps, nullptr). An owned callback is invoked and deleted
-// after the loop returns.
+// A thread running its own loop at fps. An owned callback is invoked and deleted after
+// the loop returns.
 class klEventThread : public klThread {
 public:
     explicit klEventThread(uint32_t fps, klEventCallback* owned = nullptr);
     ~klEventThread() override;
     void Run() override;
-    // Start stops a previous run first, which raises the shared stop flag: lower it again.
+    // Start stops a previous run first, which raises the loop's stop flag: lower it again.
     bool OnStart() override {
-        klStopEventLoop(false);
+        mLoop.Stop(false);
         return true;
     }
-    // Ends the loop (every loop of the process: the stop flag is shared).
-    void RequestStop() override { klStopEventLoop(); }
+    // Ends this thread's loop only.
+    void RequestStop() override { mLoop.Stop(); }
+    // Its loop, for adding tick functions from outside the thread.
+    klEventLoop& Loop() { return mLoop; }
 
 private:
+    klEventLoop mLoop;
     uint32_t mFps;
     klEventCallback* mOwned;
 };
@@ -87,6 +126,6 @@ struct EventClock {
 };
 // Installs clock (null: the system's) and returns the one in force before.
 EventClock SetEventClock(const EventClock* clock);
-// The limiter's last sleep in milliseconds and its current estimate of work per frame.
+// The limiter's last sleep in milliseconds, of the calling thread's loop.
 double LastLimiterSleep();
 } // namespace kl::detail

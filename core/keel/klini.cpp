@@ -250,7 +250,12 @@ bool klIni::IncludeResolved(const klString& path) {
 
 // The files go in name order: what Windows gives for NTFS folders, and on Linux a fixed
 // order instead of readdir's, so that later files reliably override earlier ones.
-bool klIni::IncludeAll(const klString& folder) {
+bool klIni::IncludeAll(const klString& folderArgument) {
+    // "conf.d/" names the same folder as "conf.d"; the search that proves a folder exists
+    // looks for an entry named by the path, which a trailing separator hides.
+    uint32_t length = folderArgument.Size();
+    while (length > 1 && klFileSystem::IsPathSeparator(folderArgument.Const()[length - 1])) --length;
+    const klString folder = folderArgument.SubString(0, length);
     if (!klFileSystem::FileExists(folder)) {
         Log().Error(".include-all '%s': directory does not exist", folder.Const());
         return false;

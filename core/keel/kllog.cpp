@@ -6,6 +6,7 @@
 #include "keel/klplatform.h"
 
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 
 klLogClockFn klLogClock = kl::detail::LocalTimeNow;
@@ -63,15 +64,25 @@ void WriteLine(FILE* out, uint32_t level, const char* tag, const char* message, 
 // A tag whose terminator was overwritten is not trusted as a text.
 const char* CheckedTag(const char* tag) { return tag && tag[7] == 0 ? tag : "BAD MEM"; }
 
-// The file sink's open log and the path it was opened by.
+// The file sink's open log and the path it was opened by, whole however long it is
+// (a cut copy would never match again and restart the file on every line). It comes from
+// the C heap and is kept for the process's life, so it outlives every logger.
 FILE* gLogFile = nullptr;
-char gLogFilePath[1024];
+char* gLogFilePath = nullptr;
+
+void RememberLogPath(const char* path) {
+    const size_t size = std::strlen(path) + 1;
+    if (char* copy = static_cast<char*>(std::realloc(gLogFilePath, size))) {
+        std::memcpy(copy, path, size);
+        gLogFilePath = copy;
+    }
+}
 
 FILE* LogFileFor(const char* path) {
-    bool samePath = std::strcmp(gLogFilePath, path) == 0;
+    bool samePath = gLogFilePath && std::strcmp(gLogFilePath, path) == 0;
     if (gLogFile && samePath) return gLogFile;
     if (gLogFile) std::fclose(gLogFile);
-    std::snprintf(gLogFilePath, sizeof(gLogFilePath), "%s", path);
+    if (!samePath) RememberLogPath(path);
     // A new path starts a fresh log; a file closed in between is continued.
     gLogFile = std::fopen(path, samePath ? "a" : "w");
     return gLogFile;

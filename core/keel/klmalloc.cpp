@@ -35,7 +35,8 @@ void Track(void* p, bool isAllocation) {
 // address remembers where the heap block starts.
 void* AllocAligned(size_t size, std::align_val_t alignment) {
     uintptr_t align = static_cast<uintptr_t>(alignment);
-    void* block = klAlloc(size + align + sizeof(void*));
+    void* block = kl::detail::AllocPadded(size, align + sizeof(void*));
+    if (!block) return nullptr; // only a test's fatal hook returns
     uintptr_t start = reinterpret_cast<uintptr_t>(block) + sizeof(void*);
     void** aligned = reinterpret_cast<void**>((start + align - 1) & ~(align - 1));
     aligned[-1] = block;
@@ -79,8 +80,17 @@ klMemoryReport klGetMemoryReport() {
 
 void kl::detail::ReportOutOfMemory(const char* expr, size_t bytes, const char* file, int line) {
     char text[48]; // fixed: nothing may be allocated on the way out
-    std::snprintf(text, sizeof(text), "OOM allocating %lu bytes.", static_cast<unsigned long>(bytes));
+    // Every digit of the size: long is 32 bits wide on 64-bit Windows.
+    std::snprintf(text, sizeof(text), "OOM allocating %llu bytes.", static_cast<unsigned long long>(bytes));
     klAssertHook(expr, file, line, text);
+}
+
+void* kl::detail::AllocPadded(size_t size, size_t padding) {
+    if (size > SIZE_MAX - padding) {
+        ReportOutOfMemory("p != 0", size, __FILE__, __LINE__);
+        return nullptr;
+    }
+    return klAlloc(size + padding);
 }
 
 void* kl::detail::MallocaPlace(void* stackArea, size_t size) {
@@ -91,7 +101,8 @@ void* kl::detail::MallocaPlace(void* stackArea, size_t size) {
         header = static_cast<char*>(stackArea) + (((at + 15) & ~uintptr_t(15)) - at);
         marker = kMallocaStackMarker;
     } else {
-        header = static_cast<char*>(klAlloc(size + kMallocaHeader));
+        header = static_cast<char*>(AllocPadded(size, kMallocaHeader));
+        if (!header) return nullptr; // only a test's fatal hook returns
         marker = kMallocaHeapMarker;
     }
     *reinterpret_cast<uint32_t*>(header) = marker;

@@ -1,7 +1,7 @@
 // Tracked allocation. The global new/new[]/delete/delete[] of every program that links
 // keel are replaced by klAlloc/klFree, which count the bytes in use per thread and for
 // the whole process and can report each block to a pair of hooks. Running out of memory
-// is fatal: "OOM allocating %lu bytes." through the fatal assertion hook.
+// is fatal: "OOM allocating <n> bytes." through the fatal assertion hook.
 #pragma once
 
 #include <cstddef>
@@ -47,10 +47,15 @@ constexpr size_t kMallocaStackLimit = 1024;
 constexpr size_t kMallocaSlack = kMallocaHeader + 15; // header, and room to align to 16
 constexpr uint32_t kMallocaHeapMarker = 0xDDD0;
 constexpr uint32_t kMallocaStackMarker = 0xCCC0;
-inline bool MallocaOnStack(size_t size) { return size + kMallocaHeader <= kMallocaStackLimit; }
+// Compared without adding, so that a size near the top of size_t cannot wrap onto the stack.
+inline bool MallocaOnStack(size_t size) { return size <= kMallocaStackLimit - kMallocaHeader; }
 void* MallocaPlace(void* stackArea, size_t size);
-// Raises "OOM allocating %lu bytes." through the fatal hook under the given expression.
+// Raises "OOM allocating <bytes> bytes." (every digit) through the fatal hook under the
+// given expression.
 void ReportOutOfMemory(const char* expr, size_t bytes, const char* file, int line);
+// klAlloc(size + padding), where a sum past the largest size_t is the fatal out-of-memory
+// report for size; null only when a test's fatal hook returns.
+void* AllocPadded(size_t size, size_t padding);
 } // namespace kl::detail
 
 #if defined(_WIN32)

@@ -20,6 +20,13 @@ uint32_t CountStarts(const char* bytes, uint32_t len) {
     return count;
 }
 
+// Whether p points into the size bytes at begin: source text taken from the buffer's own
+// storage, which an edit may free or move before reading it.
+bool Inside(const char* p, const char* begin, uint32_t size) {
+    const auto at = reinterpret_cast<uintptr_t>(p), from = reinterpret_cast<uintptr_t>(begin);
+    return p && begin && at >= from && at < from + size;
+}
+
 char FoldAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
 
 // The value of the entity whose name runs from name for length bytes; 0 drops it. The
@@ -126,11 +133,12 @@ void klTextBuffer::SetDecoded(const char* text) {
     if (!text) text = "";
     const uint32_t size = DecodeEntities(text, nullptr);
     char* bytes = static_cast<char*>(klAlloc(size + 1));
+    // Decoded before the old bytes go: text may be this buffer's own (t.SetDecoded(t.Bytes())).
+    const uint32_t pos = DecodeEntities(text, bytes);
     klFree(mBytes);
     mBytes = bytes;
     mCapacity = size + 1;
     mBufLen = size;
-    const uint32_t pos = DecodeEntities(text, bytes);
     klAssert(pos == mBufLen);
     bytes[size] = 0;
     mCharLen = CountStarts(bytes, size);
@@ -152,6 +160,14 @@ void klTextBuffer::Reserve(uint32_t needed) {
 void klTextBuffer::Insert(uint32_t charIndex, const char* data, uint32_t len) {
     if (!Writable() || len == 0 || !data) return;
     if (!klAssertAs(charIndex <= mCharLen, "idx <= mCharLen")) return;
+    if (Inside(data, mBytes, mCapacity)) {
+        // Our own bytes would be freed by the growth or shifted by the move before they
+        // are copied: insert a copy of them instead.
+        klTextBuffer copy;
+        copy.Set(data, len);
+        Insert(charIndex, copy.mBytes, len);
+        return;
+    }
     const uint32_t offset = CharToByteIndex(charIndex);
     Reserve(mBufLen + len + 1);
     if (mBufLen == 0) mBytes[0] = 0;

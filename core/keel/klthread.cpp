@@ -1,6 +1,7 @@
 // The portable half of threads and thread-local slots.
 #include "keel/klthread.h"
 
+#include "keel/klcrash.h"
 #include "keel/kllog.h"
 #include "keel/klmalloc.h"
 #include "keel/klplatform.h"
@@ -24,6 +25,10 @@ char* CopyName(const char* name) {
 
 constexpr uint32_t kDestructorTimeoutMs = 10000;
 
+// The object whose destructor just gave up on its still-running thread; the deallocation
+// that follows on this thread leaves its memory alone.
+thread_local const klThread* tAbandoned = nullptr;
+
 } // namespace
 
 klThread::klThread(const char* debugName, uint32_t stackSize)
@@ -36,9 +41,23 @@ klThread::klThread(const char* debugName, uint32_t stackSize)
 klThread::~klThread() {
     if (mRunning) {
         klConsoleLogger().Debug("klThread::~klThread() - thread still running, waiting for completion.");
-        WaitStop(kDestructorTimeoutMs);
+        if (!WaitStop(kDestructorTimeoutMs)) {
+            // The thread runs on in this object: its memory and name are left to it.
+            ReleaseHandle();
+            tAbandoned = this;
+            return;
+        }
     }
     klFree(mName);
+}
+
+void klThread::operator delete(void* p, size_t size) {
+    const auto at = reinterpret_cast<uintptr_t>(tAbandoned), from = reinterpret_cast<uintptr_t>(p);
+    if (at >= from && at < from + size) {
+        tAbandoned = nullptr; // deliberately leaked
+        return;
+    }
+    ::operator delete(p);
 }
 
 bool klThread::Start() {
@@ -49,18 +68,20 @@ bool klThread::Start() {
     return mRunning;
 }
 
-void klThread::WaitStop(uint32_t timeoutMs) {
-    RequestStop();
+bool klThread::WaitStop(uint32_t timeoutMs) {
+    // The flag first: a thread that RequestStop wakes must find it set.
     klAtomicStore(&mStopRequested, true);
-    if (!mRunning) return;
+    RequestStop();
+    if (!mRunning) return true;
     if (!Join(timeoutMs)) {
         klConsoleLogger().Error("klThread::WaitStop(): Possible deadlock in %s, terminating the thread",
                   mName);
-        Terminate();
+        if (!Terminate()) return false; // still running, and still ours to wait for
     }
     ReleaseHandle();
     mHandle = nullptr;
     mRunning = false;
+    return true;
 }
 
 void klThread::SetName(const char* name) {
@@ -74,6 +95,9 @@ void klThread::SetName(const char* name) {
 void klThread::ThreadMain() {
     klSetThreadName(mName);
     if (klThreadHookFn begin = klThreadBeginHook) begin();
+    // After the hook, so that nothing it sets up for signals displaces this: even a stack
+    // overflow in Run() ends in the death report.
+    klUseCrashStack();
     Run();
     if (klThreadHookFn end = klThreadEndHook) end();
 }

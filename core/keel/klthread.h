@@ -6,6 +6,10 @@
 // system TLS slot; every key carries a generation, so a key that was freed and handed out
 // again never reads what its previous owner stored.
 //
+// A thread that ignores a stop is killed on Windows. On Linux it is never killed: it is
+// reported as still running, the process goes on, and its object is deliberately leaked
+// rather than freed under it (WaitStop, operator delete).
+//
 // The declarations are portable; win32/klw32thread.cpp and posix/klposixthread.cpp
 // define the system half, klthread.cpp the rest.
 #pragma once
@@ -13,15 +17,23 @@
 #include "keel/kllifetime.h"
 #include "keel/kllockfree.h"
 
+#include <cstddef>
 #include <cstdint>
 
 class klThread {
 public:
     // debugName is copied; stackSize 0 takes the system's default reservation.
     explicit klThread(const char* debugName, uint32_t stackSize = 0);
-    // Waits up to 10 seconds for a running thread, then kills it. A subclass whose Run()
-    // uses its own members must stop the thread in its own destructor.
+    // Waits up to 10 seconds for a running thread, then kills it (Windows) or gives up on
+    // it (Linux, see WaitStop). A subclass whose Run() uses its own members must stop the
+    // thread in its own destructor.
     virtual ~klThread();
+    // Frees the object, except one whose destructor gave up on a thread still running in
+    // it (Linux): that object is deliberately leaked, so the thread never runs on freed
+    // memory. Only objects made with new can be kept this way; one on the stack or inside
+    // another object goes with its scope, so keep such threads on the heap.
+    static void* operator new(size_t size) { return ::operator new(size); }
+    static void operator delete(void* p, size_t size);
     klThread(const klThread&) = delete;
     klThread& operator=(const klThread&) = delete;
 
@@ -35,9 +47,17 @@ public:
     // Stops and joins a previous run without limit, then starts a new one. False when
     // OnStart() vetoed or the system could not create the thread.
     bool Start();
-    // Requests a stop and waits up to timeoutMs (0 = without limit) for the thread to end;
-    // a thread that does not end in time is killed (on Linux: cancelled, see the posix half).
-    void WaitStop(uint32_t timeoutMs);
+    // Sets the stop flag, then calls RequestStop(), and waits up to timeoutMs (0 = without
+    // limit) for the thread to end. A thread that does not end in time is logged at ERROR
+    // ("Possible deadlock in <name>, terminating the thread"), then:
+    // - Windows: killed (TerminateThread); the result is true.
+    // - Linux: no thread can be killed safely there (cancelling ends the process when the
+    //   thread is in noexcept code, and a spinning thread never notices). It is left
+    //   running, IsRunning() stays true and the result is false; the process goes on. A
+    //   later WaitStop or Start waits for it again, and the destructor leaks the object
+    //   rather than free memory the thread still uses (see operator delete).
+    // True when no thread is running afterwards.
+    bool WaitStop(uint32_t timeoutMs);
     // Read by Run() loops on the running thread.
     bool IsStopRequested() const { return klAtomicLoad(&mStopRequested); }
     bool IsRunning() const { return mRunning; }
@@ -64,8 +84,8 @@ private:
     // System half.
     bool Launch();                 // creates the thread; sets mHandle and mThreadId
     bool Join(uint32_t timeoutMs); // false when the thread did not end in time
-    void Terminate();              // ends a thread that did not stop
-    void ReleaseHandle();          // after Join or Terminate
+    bool Terminate();              // ends a thread that did not stop; false where it cannot
+    void ReleaseHandle();          // after Join or Terminate, or to give up on a running thread
     friend struct klThreadEntry;
 
     bool mStopRequested;

@@ -3,6 +3,7 @@
 #include "keel/klbuffer.h"
 #include "keel/klmalloc.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <thread>
 
@@ -175,6 +176,51 @@ TEST(KlBlobDeathTest, BlobsWorkBeforeDuringAndAfterTheLifetimeManager) {
         testing::ExitedWithCode(0),
         keeltest::HasAll(
             {{"abc abcdef 6\n", 1}, {"held: 2048 1\n", 1}, {"after: 5\n", 1}, {"report(", 0}}));
+}
+
+TEST_F(KlBlob, ConcurrentReleaseOfACopyIsOrderedBeforeTheOwnersWriteInPlace) {
+    for (int round = 0; round < 50; ++round) {
+        klBlob owner("shared bytes", 12);
+        const uint8_t* bytes = owner.Const();
+        std::atomic<bool> released{false};
+        std::thread reader([copy = owner, &released]() mutable {
+            uint32_t sum = 0;
+            for (uint32_t i = 0; i < copy.Size(); ++i) sum += copy.ConstPtr(0)[i];
+            EXPECT_NE(0u, sum);
+            copy.Clear();
+            released.store(true, std::memory_order_relaxed); // orders nothing by itself
+        });
+        while (!released.load(std::memory_order_relaxed)) klYieldOrSleep();
+        ASSERT_EQ(bytes, owner.WritePtr(0)); // sole owner again: written in place
+        owner.WritePtr(0)[0] = 'S';
+        reader.join();
+        EXPECT_EQ("Shared bytes", Text(owner));
+    }
+}
+
+TEST(KlBlobDeathTest, APooledBlobHeldAtShutdownIsFatalAndNeverReadsFreedMemory) {
+    auto holdAcrossShutdown = [] {
+        klObjectLifetimeManager::Initialize();
+        klBlob held("still here", 10);
+        klObjectLifetimeManager::Shutdown();
+        std::fprintf(stderr, "%s %u\n", Text(held).c_str(), held.Capacity());
+        held.Append("!", 1);
+        held.Clear();
+        std::exit(0);
+    };
+    EXPECT_EXIT(holdAcrossShutdown(), testing::ExitedWithCode(klDeathExitCode),
+                keeltest::Has("assertmsg(InUse() == 0, a pooled klBlob is still held at Shutdown) failed at: "
+                              "core/keel/klbuffer.cpp:", 1));
+    // A fatal hook that returns: the blob stays usable, its block is leaked, not reused.
+    EXPECT_EXIT(
+        {
+            klAssertHook = [](const char*, const char*, int, const char* message) {
+                std::fprintf(stderr, "hook: %s\n", message);
+            };
+            holdAcrossShutdown();
+        },
+        testing::ExitedWithCode(0),
+        keeltest::HasAll({{"hook: a pooled klBlob is still held at Shutdown\n", 1}, {"still here 2048\n", 1}}));
 }
 
 TEST(KlBufferStream, TransfersClipAtTheEndOfTheBlockAndTheNullStreamOnlyCounts) {

@@ -1,4 +1,5 @@
 #include "keel/klcrash.h"
+#include "keel/klthread.h"
 
 #include "keel_test.h"
 
@@ -82,6 +83,35 @@ TEST(CrashDeathTest, CrashSignalsReportThroughTheFilter) {
         second.join();
     };
     EXPECT_EXIT(crashTwice(), testing::ExitedWithCode(123), Has("SIGSEGV - signo 11", 1));
+}
+
+// The sanitizers give each thread an alternate stack of their own; without one, as in a
+// plain build, only keel's can catch the overflow.
+void DropAlternateStack() {
+    stack_t off = {};
+    off.ss_flags = SS_DISABLE;
+    sigaltstack(&off, nullptr);
+}
+
+struct Overflowing : klThread {
+    Overflowing() : klThread("overflowing", 256 * 1024) {}
+    void Run() override { Recurse(0); }
+};
+
+TEST(CrashDeathTest, StackOverflowsOnOtherThreadsReachTheOneReport) {
+    auto onKeelThread = [] {
+        Install();
+        klThreadBeginHook = DropAlternateStack;
+        Overflowing thread;
+        thread.Start();
+        thread.WaitStop(0);
+    };
+    auto onThreadThatAsks = [] {
+        Install();
+        std::thread([] { (DropAlternateStack(), klUseCrashStack(), klUseCrashStack(), Recurse(0)); }).join();
+    };
+    EXPECT_EXIT(onKeelThread(), testing::ExitedWithCode(123), HasAll({{"CRASH", -1}, {"SIGSEGV - signo 11", 1}}));
+    EXPECT_EXIT(onThreadThatAsks(), testing::ExitedWithCode(123), Has("SIGSEGV - signo 11", 1));
 }
 #endif
 

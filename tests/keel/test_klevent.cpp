@@ -190,15 +190,44 @@ TEST(KlFrameStatsDeathTest, ReportToStandardOutputClosesIt) {
 
 TEST(KlEventThread, RunsTheLoopAndFinishesItsOwnedCallback) {
     klStopEventLoop(false);
-    klAddTickFunc(CountThreadFrames);
     {
         klEventThread thread(200, new Finisher);
         EXPECT_STREQ("klThreadUnnamed", thread.GetName());
+        thread.Loop().AddTickFunc(CountThreadFrames);
         ASSERT_TRUE(thread.Start());
         for (int i = 0; i < 500 && gThreadFrames < 3; ++i) klSleep(10);
         thread.WaitStop(5000);
     }
     EXPECT_GE(gThreadFrames.load(), 3);
     EXPECT_EQ(11, gFinished.load()); // invoked once, then deleted
+    klStopEventLoop(false);
+}
+
+namespace {
+std::atomic<int> gHostFrames{0}, gHelperFrames{0}, gHelperFramesAtStop{0};
+void CountHelperFrames(double) { ++gHelperFrames; }
+// At frame 5 the host runs a helper loop to completion: its stop and its end must leave
+// the host's loop, and the tick lists it is walking, alone.
+void HostFrame(double) {
+    if (++gHostFrames == 5) {
+        klEventThread helper(500);
+        helper.Loop().AddTickFunc(CountHelperFrames);
+        helper.Start();
+        while (gHelperFrames < 3) klSleep(1);
+        helper.WaitStop(5000);
+        gHelperFramesAtStop = gHelperFrames.load();
+        klAddTickFunc(CountHelperFrames); // the host's own from the next frame on
+    }
+    if (gHostFrames == 50) klStopEventLoop();
+}
+} // namespace
+
+TEST(KlEventThreadConcurrent, EachLoopOwnsItsTickListsAndStopFlag) {
+    klStopEventLoop(false);
+    klAddTickFunc(HostFrame);
+    klRunEventLoop(0, nullptr);
+    EXPECT_EQ(50, gHostFrames.load());
+    EXPECT_GE(gHelperFramesAtStop.load(), 3);
+    EXPECT_EQ(45, gHelperFrames - gHelperFramesAtStop); // host frames 6 to 50 only
     klStopEventLoop(false);
 }

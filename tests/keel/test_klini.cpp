@@ -135,18 +135,20 @@ TEST_F(KlIniFiles, IncludesOverrideInOrderAndResolveBesideTheirFile) {
                           ".include parts/one.ini\n"
                           "b=after\n"
                           ".include? parts/missing.ini\n"
-                          ".include-all \"conf.d\"\n");
+                          ".include-all \"conf.d\"\n"
+                          ".include-all more.d/\n");
     Write("cfg/parts/one.ini", "a=one b=one [extra] x=1\n.include two.ini\n");
     Write("cfg/parts/two.ini", "[default] a=two\n");
     Write("cfg/conf.d/20-late.INI", "c=late");
     Write("cfg/conf.d/10-early.ini", "c=early d=early");
     Write("cfg/conf.d/notes.txt", "c=never");
+    Write("cfg/more.d/x.ini", "e=trailing");
     klIni ini;
     klClearCommandLine();
     klParseCommandLine(("--config " + (mDir / "cfg/main.ini").string()).c_str());
     ASSERT_TRUE(ini.Load("unused.ini"));
     EXPECT_EQ(Entries({{"default/a", "two"}, {"default/b", "after"}, {"default/c", "late"},
-                       {"default/d", "early"}, {"extra/x", "1"}}),
+                       {"default/d", "early"}, {"default/e", "trailing"}, {"extra/x", "1"}}),
               AllEntries(ini, {"default", "extra"}));
 }
 

@@ -129,6 +129,20 @@ TEST_F(LogFileTest, FileSinkWritesExactLinesAndFlushes) {
     EXPECT_EQ(expected + "INFO " + prefix + "        " + Tid() + " again\n", ReadAll(file));
 }
 
+TEST_F(LogFileTest, FileSinkKeepsAppendingToAPathPast1023Characters) {
+#ifdef _WIN32
+    GTEST_SKIP() << "the narrow Windows file calls stop at 260 characters";
+#endif
+    FixedTime fixed;
+    fs::path dir = mDir;
+    while (dir.string().size() < 1100) dir /= std::string(200, 'd');
+    klFileSystem::SetLogDir(dir.string().c_str());
+    for (const char* message : {"one", "two", "three"}) klFileLogSink(klLogInfo, "       ", message, nullptr);
+    klCloseLogFile();
+    const std::string prefix = "INFO  2026-01-02 03:04:05         " + Tid() + " ";
+    EXPECT_EQ(prefix + "one\n" + prefix + "two\n" + prefix + "three\n", ReadAll(dir / "console.log"));
+}
+
 TEST(LogTest, ConsoleAttributesPerLevel) {
     using kl::detail::LogConsoleAttribute;
     EXPECT_EQ(8, LogConsoleAttribute(7, klLogTrace));    // no intensity to drop: colours inverted

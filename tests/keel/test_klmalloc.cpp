@@ -131,9 +131,26 @@ TEST(MallocDeathTest, CorruptedScratchPointerAndOutOfMemoryAreFatal) {
             klFreea(&fake[1]);
         },
         testing::ExitedWithCode(123), Has(") assertmsg(, Corrupted pointer passed to klFreea) failed at: core/keel/klmalloc.cpp:"));
-    EXPECT_EXIT(Opaque(static_cast<char*>(klAlloc(SIZE_MAX - 4096))), testing::ExitedWithCode(123),
-                (keeltest::HasAll({{") assertmsg(p != 0, OOM allocating ", 1},
-                                  {" bytes.) failed at: core/keel/klmalloc.cpp:", 1}})));
+    // Every request the heap cannot meet ends in the fatal report with its full size, also
+    // where the arithmetic around it (alignment room, scratch header) would wrap.
+    const struct {
+        size_t size;
+        void (*allocate)(size_t);
+    } requests[] = {
+        {SIZE_MAX - 4096, [](size_t n) { Opaque(static_cast<char*>(klAlloc(n))); }},
+        // Printed whole where long is narrower than size_t (64-bit Windows).
+        {size_t(uint64_t(5) << 30 | 3),
+         [](size_t n) { kl::detail::ReportOutOfMemory("p != 0", n, "core/keel/klmalloc.cpp", 1); }},
+        {SIZE_MAX - 16, [](size_t n) { Opaque(static_cast<char*>(operator new(n, std::align_val_t(64)))); }},
+        {SIZE_MAX - 4, [](size_t n) { Opaque(static_cast<char*>(klMalloca(n))); }},
+        {SIZE_MAX - 7, [](size_t n) { Opaque(static_cast<char*>(kl::detail::MallocaPlace(nullptr, n))); }},
+    };
+    for (const auto& request : requests)
+        EXPECT_EXIT(request.allocate(request.size), testing::ExitedWithCode(123),
+                    Has(") assertmsg(p != 0, OOM allocating " + std::to_string(request.size) +
+                            " bytes.) failed at: core/keel/klmalloc.cpp:",
+                        1))
+            << request.size;
 }
 
 TEST(Malloc, MemoryReportIsConsistent) {

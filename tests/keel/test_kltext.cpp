@@ -152,3 +152,23 @@ TEST(KlText, WideConversionsRoundTripAndRespectTheirLimits) {
     EXPECT_STREQ("a\xef\xbf\xbd" "b", WideToUtf8String(lone));
     EXPECT_TRUE(WideToUtf8String(nullptr).IsEmpty());
 }
+
+TEST(KlText, EditsThatReadTheBuffersOwnBytes) {
+    klTextBuffer decoded("x&amp;y&#233;z");
+    decoded.SetDecoded(decoded.Bytes()); // the old bytes must outlive both passes
+    EXPECT_STREQ("x&y\xc3\xa9z", decoded.Bytes());
+    EXPECT_EQ(5u, decoded.CharLength());
+
+    // Set leaves no spare room, so the first insert grows; after the growth there is room
+    // for a short one, which must not shift its source before copying it.
+    klTextBuffer text("0123456789ab");
+    text.Insert(0, text.Bytes(), text.ByteLength());
+    EXPECT_STREQ("0123456789ab0123456789ab", text.Bytes());
+    text.Erase(12, 12);
+    ASSERT_GE(text.Capacity(), 2 * text.ByteLength() + 1);
+    text.Insert(0, text.Bytes() + 8, 4);
+    EXPECT_STREQ("89ab0123456789ab", text.Bytes());
+    text.Insert(16, text.Bytes() + 4, 2);
+    EXPECT_STREQ("89ab0123456789ab01", text.Bytes());
+    EXPECT_EQ(18u, text.CharLength());
+}

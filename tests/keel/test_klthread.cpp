@@ -116,22 +116,108 @@ TEST(Thread, RestartJoinsThePreviousRunOnStartMayVetoAndDestructorWaits) {
     EXPECT_EQ(std::vector<uint32_t>{klLogDebug}, log.Levels());
 }
 
-TEST(ThreadDeathTest, OverdueThreadsAreKilledAfterOneLine) {
+#ifdef _WIN32
+constexpr int kLeftRunning = 0; // killed
+#else
+constexpr int kLeftRunning = 1; // Linux kills no thread
+#endif
+
+// Blocked inside noexcept code, where a cancellation would end the whole process.
+struct DeafSleeper : klThread {
+    DeafSleeper() : klThread("deaf") {}
+    void Run() noexcept override {
+        for (;;) klSleep(1000);
+    }
+};
+
+TEST(ThreadDeathTest, OverdueThreadsAreReportedAndNeverEndTheProcess) {
+    auto overdue = [](klThread& thread) {
+        Watchdog watchdog;
+        thread.Start();
+        klSleep(20);
+        auto begin = Clock::now();
+        const bool stopped = thread.WaitStop(50);
+        bool slow = Clock::now() - begin > std::chrono::seconds(2);
+        std::fprintf(stderr, "returned stopped=%d running=%d slow=%d\n", stopped, thread.IsRunning(), slow);
+        std::exit(0);
+    };
+    const std::string returned = "returned stopped=" + std::to_string(1 - kLeftRunning) +
+                                 " running=" + std::to_string(kLeftRunning) + " slow=0";
+    for (const char* name : {"stubborn", "deaf"}) {
+        EXPECT_EXIT(
+            {
+                Worker stubborn("stubborn", true);
+                DeafSleeper deaf;
+                overdue(name[0] == 's' ? static_cast<klThread&>(stubborn) : deaf);
+            },
+            testing::ExitedWithCode(0),
+            (HasAll({{"ERROR ", 1}, {" CONSOLE (", 1},
+                     {") klThread::WaitStop(): Possible deadlock in " + std::string(name) + ", terminating the thread\n", 1},
+                     {returned, 1}, {"TERMINATE", 0}})))
+            << name;
+    }
+}
+
+#ifndef _WIN32
+// Spins, ignoring every stop, until released, then writes to its own object.
+std::atomic<bool> gReleaseSpinner{false}, gSpinnerDone{false};
+struct Spinner : klThread {
+    Spinner() : klThread("spinner") {}
+    void Run() override {
+        while (!gReleaseSpinner) klYieldOrSleep();
+        mAfterRelease = 1; // the member, after its object was deleted
+        gSpinnerDone = mAfterRelease.load();
+    }
+    std::atomic<int> mAfterRelease{0};
+};
+klThread* gKeptSpinner = nullptr; // keeps the leaked object in the leak checker's reach
+
+TEST(ThreadDeathTest, AThreadLeftRunningKeepsItsObjectAfterDelete) {
     EXPECT_EXIT(
         {
             Watchdog watchdog;
-            Worker stubborn("stubborn", true);
-            stubborn.Start();
-            auto begin = Clock::now();
-            stubborn.WaitStop(50);
-            bool slow = Clock::now() - begin > std::chrono::seconds(2);
-            std::fprintf(stderr, "returned running=%d slow=%d\n", stubborn.IsRunning(), slow);
+            auto* spinner = new Spinner;
+            spinner->Start();
+            std::fprintf(stderr, "stopped=%d\n", spinner->WaitStop(20));
+            gKeptSpinner = spinner;
+            delete spinner; // waits its 10 seconds, then leaves the object to the thread
+            gReleaseSpinner = true;
+            while (!gSpinnerDone) klSleep(1);
+            std::fprintf(stderr, "wrote after delete=%d\n", gSpinnerDone.load());
             std::exit(0);
         },
-        testing::ExitedWithCode(0),
-        (HasAll({{"ERROR ", 1}, {" CONSOLE (", 1},
-                 {") klThread::WaitStop(): Possible deadlock in stubborn, terminating the thread\n", 1},
-                 {"returned running=0 slow=0", 1}})));
+        testing::ExitedWithCode(0), HasAll({{"stopped=0\n", 1}, {"wrote after delete=1\n", 1}}));
+}
+#endif
+
+// Wakes on every RequestStop and looks at the stop flag once; the handshake makes it look
+// before the waker returns, so a flag set after the request would be missed for good.
+struct OneLook : klThread {
+    OneLook() : klThread("one-look") {}
+    void RequestStop() override {
+        mWake.Signal();
+        mLooked.Wait(2000);
+    }
+    void Run() override {
+        for (bool stop = false; !stop;) {
+            mWake.Wait();
+            stop = IsStopRequested();
+            mSawStop = mSawStop || stop;
+            mLooked.Signal();
+        }
+    }
+    klAutoResetEvent mWake, mLooked;
+    std::atomic<bool> mSawStop{false};
+};
+
+TEST(ThreadConcurrent, AWokenThreadFindsTheStopFlagAlreadySet) {
+    Watchdog watchdog;
+    auto* thread = new OneLook;
+    ASSERT_TRUE(thread->Start());
+    EXPECT_TRUE(thread->WaitStop(3000));
+    EXPECT_TRUE(thread->mSawStop);
+    if (thread->IsRunning()) thread->mWake.Signal(); // lets a failed run end
+    delete thread;
 }
 
 TEST(Event, TimesOutWakesOnceAndWaitsWithoutLimit) {

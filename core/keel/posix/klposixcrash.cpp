@@ -3,6 +3,7 @@
 #include "keel/klcrash.h"
 
 #include <signal.h>
+#include <sys/mman.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -22,10 +23,23 @@ constexpr int kSignalCount = sizeof(kSignals) / sizeof(kSignals[0]);
 
 klCrashFilter gFilter = nullptr;
 
-// A stack overflow leaves no room for the handler on the thread's own stack. The
-// alternate stack serves the thread that installed the handlers; others report on their
-// own stacks.
-alignas(16) char gAltStack[64 * 1024];
+// A stack overflow leaves no room for the handler on the thread's own stack: each thread
+// that asks gets an alternate one of this size, mapped apart from the heap (the report
+// formats into buffers of a few kilobytes).
+constexpr size_t kCrashStackBytes = 64 * 1024;
+
+// The calling thread's alternate stack, switched off and unmapped when the thread ends.
+struct ThreadCrashStack {
+    void* mArea = nullptr;
+    ~ThreadCrashStack() {
+        if (!mArea) return;
+        stack_t off = {};
+        off.ss_flags = SS_DISABLE;
+        sigaltstack(&off, nullptr);
+        munmap(mArea, kCrashStackBytes);
+    }
+};
+thread_local ThreadCrashStack tCrashStack;
 
 void OnSignal(int signo, siginfo_t* info, void*) {
     if (signo == SIGABRT) kl::crash::OnAbortSignal(signo);
@@ -36,14 +50,22 @@ void OnSignal(int signo, siginfo_t* info, void*) {
     kl::crash::OnCrashSignal(name, signo);
 }
 
-void UseAlternateStack() {
-    stack_t stack = {};
-    stack.ss_sp = gAltStack;
-    stack.ss_size = sizeof(gAltStack);
-    sigaltstack(&stack, nullptr);
-}
-
 } // namespace
+
+bool klUseCrashStack() {
+    if (tCrashStack.mArea) return true;
+    void* area = mmap(nullptr, kCrashStackBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+    if (area == MAP_FAILED) return false;
+    stack_t stack = {};
+    stack.ss_sp = area;
+    stack.ss_size = kCrashStackBytes;
+    if (sigaltstack(&stack, nullptr) != 0) {
+        munmap(area, kCrashStackBytes);
+        return false;
+    }
+    tCrashStack.mArea = area;
+    return true;
+}
 
 struct klCrashGuard::Saved {
     struct sigaction actions[kSignalCount];
@@ -67,7 +89,7 @@ void InstallPlatformHandlers(bool enable, klCrashFilter filter) {
     struct sigaction action = {};
     sigemptyset(&action.sa_mask);
     if (enable) {
-        UseAlternateStack();
+        klUseCrashStack(); // the installing thread's; other threads ask for their own
         action.sa_sigaction = OnSignal;
         // SA_NODEFER: a crash inside the report re-enters, and klDie then exits at once.
         action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;

@@ -35,9 +35,6 @@ timespec DeadlineAfter(clockid_t clock, uint32_t ms) {
     return at;
 }
 
-// A cancelled thread gets this long to reach its end before it is left to itself.
-constexpr uint32_t kCancelGraceMs = 250;
-
 // A counter with a ceiling, guarded by a mutex and woken through a condition variable:
 // an auto-reset event is one with ceiling 1, a semaphore one with its maximum.
 struct Counter {
@@ -115,24 +112,30 @@ bool klThread::Launch() {
     return true;
 }
 
+// A joined thread has no handle left: ReleaseHandle then has nothing to let go.
 bool klThread::Join(uint32_t timeoutMs) {
-    if (timeoutMs == 0) return pthread_join(ToThread(mHandle), nullptr) == 0;
-    timespec deadline = DeadlineAfter(CLOCK_REALTIME, timeoutMs); // the clock the call takes
-    return pthread_timedjoin_np(ToThread(mHandle), nullptr, &deadline) == 0;
+    int rc;
+    if (timeoutMs == 0) {
+        rc = pthread_join(ToThread(mHandle), nullptr);
+    } else {
+        timespec deadline = DeadlineAfter(CLOCK_REALTIME, timeoutMs); // the clock the call takes
+        rc = pthread_timedjoin_np(ToThread(mHandle), nullptr, &deadline);
+    }
+    if (rc == 0) mHandle = nullptr;
+    return rc == 0;
 }
 
-// Linux cannot kill one thread of a process. Cancelling is the closest: a thread stuck in
-// a blocking call (a sleep, a wait, a read) ends there, unwinding its stack. One that
-// spins without ever reaching such a call cannot be stopped safely; it is detached and
-// left running.
-void klThread::Terminate() {
-    pthread_t thread = ToThread(mHandle);
-    pthread_cancel(thread);
-    timespec deadline = DeadlineAfter(CLOCK_REALTIME, kCancelGraceMs);
-    if (pthread_timedjoin_np(thread, nullptr, &deadline) != 0) pthread_detach(thread);
-}
+// Linux cannot end one thread of a process safely. Cancelling unwinds the thread's stack
+// and, inside noexcept code, ends the whole process through std::terminate; a thread that
+// spins never reaches a cancellation point at all. So the thread is left running, and
+// klThread keeps reporting it as running.
+bool klThread::Terminate() { return false; }
 
-void klThread::ReleaseHandle() {} // joined or detached: nothing left to close
+// A thread given up on while still running is detached, so that the system reclaims it
+// once it does end.
+void klThread::ReleaseHandle() {
+    if (mHandle) pthread_detach(ToThread(mHandle));
+}
 
 namespace {
 

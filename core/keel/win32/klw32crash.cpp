@@ -101,6 +101,8 @@ struct klCrashGuard::Saved {
     LPTOP_LEVEL_EXCEPTION_FILTER filter;
 };
 
+bool klUseCrashStack() { return true; }
+
 klCrashGuard::klCrashGuard() : mSaved(new Saved) {
     mSaved->filter = SetUnhandledExceptionFilter(nullptr); // the only way to read it
     SetUnhandledExceptionFilter(mSaved->filter);

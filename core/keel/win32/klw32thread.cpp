@@ -50,8 +50,9 @@ bool klThread::Join(uint32_t timeoutMs) {
     return WaitForSingleObject(ToHandle(mHandle), Timeout(timeoutMs)) == WAIT_OBJECT_0;
 }
 
-void klThread::Terminate() {
+bool klThread::Terminate() {
     TerminateThread(ToHandle(mHandle), 0);
+    return true;
 }
 
 void klThread::ReleaseHandle() {
