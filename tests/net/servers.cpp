@@ -160,6 +160,15 @@ std::string ApacheConfig(const TestServer& s) {
     return c;
 }
 
+// Once the server is gone: no process, no port, and its folder removed.
+void Forget(TestServer* server) {
+    server->pid = -1;
+    server->port = 0;
+    std::error_code ignored;
+    if (!server->dir.empty()) fs::remove_all(server->dir, ignored);
+    server->dir.clear();
+}
+
 // A private folder with a document root that any user may read.
 bool MakeServerDir(TestServer* server);
 // Starts argv (a host program), its stdin and stdout given (-1: none); pid or -1.
@@ -228,11 +237,7 @@ void Stop(TestServer* server) {
     if (!server->stop.empty()) Spawn(server->stop, -1, -1);
     for (int i = 0; i < 500 && server->port > 0 && Accepts(server->port); ++i) Sleep(10);
     server->stop.clear();
-    server->pid = -1;
-    server->port = 0;
-    std::error_code ignored;
-    if (!server->dir.empty()) fs::remove_all(server->dir, ignored);
-    server->dir.clear();
+    Forget(server);
 }
 
 bool WaitUntilUp(TestServer* server) {
@@ -305,11 +310,7 @@ void Stop(TestServer* server) {
     }
     if (server->control >= 0) close(server->control);
     server->control = -1;
-    server->pid = -1;
-    server->port = 0;
-    std::error_code ignored;
-    if (!server->dir.empty()) fs::remove_all(server->dir, ignored);
-    server->dir.clear();
+    Forget(server);
 }
 
 bool WaitUntilUp(TestServer* server) {

@@ -29,6 +29,23 @@ Socket OpenStream() {
     return s == INVALID_SOCKET ? kInvalidSocket : Socket(s);
 }
 
+namespace {
+// Waits up to ms for s to become readable (or writable): 1 ready with no error, 0 time-out,
+// -1 error.
+int Wait(Socket s, bool forWrite, uint32_t ms) {
+    fd_set ready, failed;
+    FD_ZERO(&ready);
+    FD_ZERO(&failed);
+    FD_SET(SOCKET(s), &ready);
+    FD_SET(SOCKET(s), &failed);
+    timeval limit{long(ms / 1000), long(ms % 1000) * 1000};
+    const int rc = forWrite ? select(0, nullptr, &ready, &failed, &limit) : select(0, &ready, nullptr, &failed, &limit);
+    if (rc == 0) return 0;
+    if (rc < 0 || FD_ISSET(SOCKET(s), &failed)) return -1;
+    return FD_ISSET(SOCKET(s), &ready) ? 1 : -1;
+}
+} // namespace
+
 bool Connect(Socket s, uint32_t address, uint16_t port, uint32_t limitMs) {
     sockaddr_in to{};
     to.sin_family = AF_INET;
@@ -39,18 +56,7 @@ bool Connect(Socket s, uint32_t address, uint16_t port, uint32_t limitMs) {
     u_long nonBlocking = limitMs ? 1 : 0;
     if (limitMs) ioctlsocket(SOCKET(s), FIONBIO, &nonBlocking);
     int rc = connect(SOCKET(s), reinterpret_cast<const sockaddr*>(&to), sizeof(to));
-    if (rc != 0 && limitMs && WSAGetLastError() == WSAEWOULDBLOCK) {
-        fd_set writable, failed;
-        FD_ZERO(&writable);
-        FD_ZERO(&failed);
-        FD_SET(SOCKET(s), &writable);
-        FD_SET(SOCKET(s), &failed);
-        timeval limit{long(limitMs / 1000), long(limitMs % 1000) * 1000};
-        rc = select(0, nullptr, &writable, &failed, &limit) > 0 && FD_ISSET(SOCKET(s), &writable) &&
-                     !FD_ISSET(SOCKET(s), &failed)
-                 ? 0
-                 : -1;
-    }
+    if (rc != 0 && limitMs && WSAGetLastError() == WSAEWOULDBLOCK) rc = Wait(s, true, limitMs) == 1 ? 0 : -1;
     nonBlocking = 0;
     if (limitMs) ioctlsocket(SOCKET(s), FIONBIO, &nonBlocking);
     if (rc != 0) return false;
@@ -63,29 +69,9 @@ bool Connect(Socket s, uint32_t address, uint16_t port, uint32_t limitMs) {
 int32_t Send(Socket s, const char* data, int32_t count) { return send(SOCKET(s), data, count, 0); }
 int32_t Recv(Socket s, char* data, int32_t count) { return recv(SOCKET(s), data, count, 0); }
 
-int WaitReadable(Socket s, uint32_t ms) {
-    fd_set readable, failed;
-    FD_ZERO(&readable);
-    FD_ZERO(&failed);
-    FD_SET(SOCKET(s), &readable);
-    FD_SET(SOCKET(s), &failed);
-    timeval limit{long(ms / 1000), long(ms % 1000) * 1000};
-    const int rc = select(0, &readable, nullptr, &failed, &limit);
-    if (rc == 0) return 0;
-    if (rc < 0 || FD_ISSET(SOCKET(s), &failed)) return -1;
-    return FD_ISSET(SOCKET(s), &readable) ? 1 : -1;
-}
+int WaitReadable(Socket s, uint32_t ms) { return Wait(s, false, ms); }
 
-bool IsWritable(Socket s) {
-    fd_set writable, failed;
-    FD_ZERO(&writable);
-    FD_ZERO(&failed);
-    FD_SET(SOCKET(s), &writable);
-    FD_SET(SOCKET(s), &failed);
-    timeval now{0, 0};
-    return select(0, nullptr, &writable, &failed, &now) > 0 && FD_ISSET(SOCKET(s), &writable) &&
-           !FD_ISSET(SOCKET(s), &failed);
-}
+bool IsWritable(Socket s) { return Wait(s, true, 0) == 1; }
 
 void ShutdownAndClose(Socket s) {
     shutdown(SOCKET(s), SD_BOTH);
