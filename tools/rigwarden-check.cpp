@@ -22,13 +22,15 @@ namespace {
 enum ExitCode { kMeetsSpec = 0, kBelowSpec = 1, kProbeError = 2, kUsageError = 64 };
 
 const char kUsage[] =
-    "usage: rigwarden-check [--db DIR] [--root DIR] [--json]\n"
+    "usage: rigwarden-check [--db DIR] [--root DIR] [--all-adapters] [--json]\n"
     "       rigwarden-check --help | --version\n"
     "\n"
     "Judges this machine against the graphics-card database in DIR (every *.cfg file).\n"
     "  --db DIR     database folder (default: the bundled database)\n"
     "  --root DIR   read sys/ and proc/ below DIR instead of / (Linux snapshots;\n"
     "               the same as setting RIGWARDEN_ROOT)\n"
+    "  --all-adapters  also list the display devices that drive no desktop, such as\n"
+    "               a hybrid laptop's discrete GPU (Windows; Linux lists all anyway)\n"
     "  --json       print the answer as JSON\n"
     "Exit status: 0 meets the minimum spec, 1 below it, 2 a probe failed, 64 bad usage.\n";
 
@@ -36,6 +38,7 @@ struct Options {
     klString database;
     const char* root = nullptr;
     bool json = false;
+    uint32_t flags = vsQueryDefault;
 };
 
 // The database shipped with the tool: beside an installed tool, else in the source tree.
@@ -78,6 +81,8 @@ int ParseOptions(int argc, char** argv, Options& options) {
             return kMeetsSpec;
         } else if (std::strcmp(arg, "--json") == 0) {
             options.json = true;
+        } else if (std::strcmp(arg, "--all-adapters") == 0) {
+            options.flags |= vsQueryAllAdapters;
         } else if (std::strcmp(arg, "--db") == 0 && hasValue) {
             options.database = argv[++i];
         } else if (std::strcmp(arg, "--root") == 0 && hasValue) {
@@ -207,7 +212,7 @@ int Run(const Options& options) {
         return kUsageError;
     }
     WarnAboutDatabase(options.database);
-    vsQueryResult result = oRigwarden::RunQuery(options.database);
+    vsQueryResult result = oRigwarden::RunQuery(options.database, options.flags);
     if (options.json)
         PrintJson(result);
     else

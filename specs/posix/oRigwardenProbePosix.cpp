@@ -426,7 +426,9 @@ void NameFromPciIds(std::vector<PciDisplayDevice>& devices) {
 
 } // namespace
 
-void oRigwardenProbe::ReadAdapters(std::vector<vsGpuInfo>& adapters) {
+// Every enabled display device is read whether it drives a display or not, so asking for
+// all present ones changes nothing here.
+void oRigwardenProbe::ReadAdapters(std::vector<vsGpuInfo>& adapters, bool /*allPresent*/) {
     std::vector<PciDisplayDevice> devices = ScanPciDisplayDevices();
     NameFromPciIds(devices);
     vsAdapterCollector collector(adapters);

@@ -70,6 +70,8 @@ TEST(Query, CheckToolReportsJsonAndExitStatus) {
     int status = -1;
     std::string json = RunCommand(tool + " --json --root " + machine.Root() + " --db " + machine.Root() + "/db", status);
     EXPECT_EQ(1, status); // one slow processor, too little memory
+    EXPECT_EQ(json, RunCommand(tool + " --all-adapters --json --root " + machine.Root() + " --db " + machine.Root() + "/db",
+                               status)); // Linux lists every display device anyway
     for (const char* field :
          {"\"IsError\": false", "\"ErrorMessage\": \"\"", "\"IsUnderMinSpec\": true", "\"BestGpuIndex\": 1",
           "\"AdapterName\": \"Intel Corporation Raptor Lake-S GT1 [UHD Graphics 770]\"", "\"VendorId\": 4318",
