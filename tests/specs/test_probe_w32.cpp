@@ -1,5 +1,6 @@
 // The Windows probes against a machine made of fake system calls.
 #include "oRigwarden.h"
+#include "oRigwardenSnapshot.h"
 #include "win32/oRigwardenWin32Calls.h"
 
 #include "../keel/keel_test.h"
@@ -236,4 +237,57 @@ TEST_F(ProbeW32, AFailingDeviceRegistryLeavesTheAttachedAdapters) {
     ASSERT_EQ(1u, adapters.size());
     EXPECT_STREQ("Intel(R) Iris(R) Xe Graphics", adapters[0].name.Const());
     EXPECT_EQ(1, gDestroyed);
+}
+
+namespace {
+
+std::string Describe(const vsQueryResult& result) {
+    std::string text = klpf("%s|%u %u %llu %u|", result.probeErrors.Const(), result.cpuMHz, result.cpuCount,
+                            static_cast<unsigned long long>(result.totalPhysBytes), result.bestIndex).Const();
+    for (const vsGpuInfo& gpu : result.adapters)
+        text += klpf("%s %x %x %u;", gpu.name.Const(), gpu.vendorId, gpu.deviceId, gpu.benchmark).Const();
+    return text;
+}
+
+} // namespace
+
+TEST_F(ProbeW32, CaptureThenReplayAnswersAsTheMachineDid) {
+    SetUpHybridLaptop();
+    gDevices.push_back({DISPLAY_DEVICE_ATTACHED_TO_DESKTOP, "PCI\\VEN_1002&DEV_744C", "100% odd\tname"});
+    gDevices.push_back({DISPLAY_DEVICE_ATTACHED_TO_DESKTOP, "PCI\\VEN_1002&DEV_73BF", ""});
+    gPresent.push_back({nullptr, "no hardware id"});
+    const struct {
+        LSTATUS open, query;
+        bool registryFails;
+    } kMachines[] = {{ERROR_SUCCESS, ERROR_SUCCESS, false},
+                     {ERROR_ACCESS_DENIED, ERROR_SUCCESS, true},
+                     {ERROR_SUCCESS, ERROR_FILE_NOT_FOUND, false}};
+    for (const auto& machine : kMachines) {
+        gOpenResult = machine.open;
+        gQueryResult = machine.query;
+        gClassDevsFails = machine.registryFails;
+        klString db = Path("db").c_str(), folder = Path(klpf("snapshot%d", int(&machine - kMachines)).Const()).c_str(),
+                 error;
+        std::string standard = Describe(oRigwarden::RunQuery(db)),
+                    all = Describe(oRigwarden::RunQuery(db, vsQueryAllAdapters));
+        oRigwardenSnapshot::BeginCapture();
+        ASSERT_TRUE(oRigwardenSnapshot::Write(folder, oRigwardenSnapshot::EndCapture(), "1.2.3", "{}\n", error))
+            << error.Const();
+        ASSERT_EQ(oRigwardenSnapshot::kUsable, oRigwardenSnapshot::Check(folder, "1.2.3", error)) << error.Const();
+        ASSERT_TRUE(oRigwardenSnapshot::StartReplay(folder, error)) << error.Const();
+        EXPECT_NE(FakeEnum, oRigwardenWin32Calls().enumDisplayDevicesA); // the fake machine is not asked again
+        EXPECT_EQ(standard, Describe(oRigwarden::RunQuery(db)));
+        EXPECT_EQ(all, Describe(oRigwarden::RunQuery(db, vsQueryAllAdapters)));
+        oRigwardenSnapshot::StopReplay();
+        EXPECT_EQ(FakeEnum, oRigwardenWin32Calls().enumDisplayDevicesA);
+    }
+    for (const char* damaged : {"rigwarden windows machine\nprocessors -1\nend\n",
+                                "rigwarden windows machine\ndisplay 1 PCI%4 name\nend\n",
+                                "rigwarden windows machine\nprocessors 4\n"}) {
+        Write("damaged/windows-machine.txt", damaged);
+        klString error;
+        EXPECT_FALSE(oRigwardenSnapshot::StartReplay(Path("damaged").c_str(), error)) << damaged;
+        EXPECT_STREQ("is damaged: windows-machine.txt cannot be read", error.Const());
+        EXPECT_EQ(FakeEnum, oRigwardenWin32Calls().enumDisplayDevicesA);
+    }
 }
