@@ -29,7 +29,8 @@ klString Digest(const char* data, uint32_t size) {
     md5.Update(data, size);
     klMD5Digest digest = md5.Finish();
     char hex[33];
-    for (int i = 0; i < 16; ++i) std::snprintf(hex + 2 * i, 3, "%02x", digest.mBytes[i]);
+    for (int i = 0; i < 16; ++i)
+        std::snprintf(hex + 2 * i, 3, "%02x", digest.mBytes[i]);
     return hex;
 }
 
@@ -47,7 +48,8 @@ bool FileDigest(const klString& path, klString& digest) {
 bool IsSnapshotPath(std::string_view path) {
     if (path.empty() || path == oRigwardenSnapshot::kManifestName) return false;
     for (char c : path)
-        if (!(std::isalnum(static_cast<unsigned char>(c)) || std::strchr("._:/+-", c))) return false;
+        if (!(std::isalnum(static_cast<unsigned char>(c)) || std::strchr("._:/+-", c)))
+            return false;
     for (size_t begin = 0; begin <= path.size();) {
         size_t end = std::min(path.find('/', begin), path.size());
         std::string_view part = path.substr(begin, end - begin);
@@ -73,13 +75,18 @@ bool IsAbsentOrEmpty(const klString& folder) {
 
 // Every entry below folder/relative that is no folder, by its path below folder. False
 // when the tree is deeper than any snapshot.
-bool ListFiles(const klString& folder, const klString& relative, int depth, std::vector<klString>& paths) {
+bool ListFiles(const klString& folder, const klString& relative, int depth,
+               std::vector<klString>& paths) {
     if (depth > kMaxFolderDepth) return false;
     std::vector<klString> folders, files;
-    klFileSystem::ListDirectory(relative.IsEmpty() ? folder.Const() : klFileSystem::CombinePath(folder, relative).Const(),
-                                folders, files);
-    auto below = [&](const klString& name) { return relative.IsEmpty() ? name : klpf("%s/%s", relative.Const(), name.Const()); };
-    for (const klString& name : files) paths.push_back(below(name));
+    klFileSystem::ListDirectory(
+        relative.IsEmpty() ? folder.Const() : klFileSystem::CombinePath(folder, relative).Const(),
+        folders, files);
+    auto below = [&](const klString& name) {
+        return relative.IsEmpty() ? name : klpf("%s/%s", relative.Const(), name.Const());
+    };
+    for (const klString& name : files)
+        paths.push_back(below(name));
     for (const klString& name : folders)
         if (!ListFiles(folder, below(name), depth + 1, paths)) return false;
     return true;
@@ -100,8 +107,8 @@ public:
     bool Value(const char* name, std::string_view& value) {
         std::string_view line;
         klString head = klpf("  \"%s\": \"", name);
-        if (!Next(line) || line.substr(0, head.Size()) != head.Const() || line.size() < head.Size() + 2 ||
-            line.substr(line.size() - 2) != "\",")
+        if (!Next(line) || line.substr(0, head.Size()) != head.Const() ||
+            line.size() < head.Size() + 2 || line.substr(line.size() - 2) != "\",")
             return false;
         value = line.substr(head.Size(), line.size() - head.Size() - 2);
         return value.find('"') == std::string_view::npos;
@@ -123,20 +130,23 @@ bool ReadFileList(ManifestLines& lines, std::vector<vsSnapshotFile>& files) {
         last = line.back() != ',';
         if (!last) line.remove_suffix(1);
         size_t colon = line.find("\": \"");
-        if (line.substr(0, 5) != "    \"" || colon == std::string_view::npos || line.back() != '"') return false;
-        std::string_view path = line.substr(5, colon - 5), digest = line.substr(colon + 4, line.size() - colon - 5);
+        if (line.substr(0, 5) != "    \"" || colon == std::string_view::npos || line.back() != '"')
+            return false;
+        std::string_view path = line.substr(5, colon - 5),
+                         digest = line.substr(colon + 4, line.size() - colon - 5);
         if (!IsSnapshotPath(path) || digest.size() != 32 ||
             digest.find_first_not_of("0123456789abcdef") != std::string_view::npos)
             return false;
-        files.push_back({klString(path.data(), uint32_t(path.size())), klString(digest.data(), 32)});
+        files.push_back(
+            {klString(path.data(), uint32_t(path.size())), klString(digest.data(), 32)});
     }
     return false;
 }
 
 } // namespace
 
-bool oRigwardenSnapshot::Write(const klString& folder, const std::vector<vsSnapshotFile>& files, const char* version,
-                               const klString& answerJson, klString& error) {
+bool oRigwardenSnapshot::Write(const klString& folder, const std::vector<vsSnapshotFile>& files,
+                               const char* version, const klString& answerJson, klString& error) {
     if (!IsAbsentOrEmpty(folder) || !klFileSystem::CreatePath(folder.Const())) {
         error = klpf("'%s' is not an empty folder that can be written", folder.Const());
         return false;
@@ -145,11 +155,13 @@ bool oRigwardenSnapshot::Write(const klString& folder, const std::vector<vsSnaps
     std::time_t now = std::time(nullptr);
     std::strftime(captured, sizeof(captured), "%Y-%m-%dT%H:%M:%SZ", std::gmtime(&now));
     klString manifest = kManifestHead;
-    manifest << klpf("  \"Version\": \"%s\",\n  \"Platform\": \"%s\",\n  \"Captured\": \"%s\",\n  \"Files\": {", version,
-                     Platform(), captured);
+    manifest << klpf(
+        "  \"Version\": \"%s\",\n  \"Platform\": \"%s\",\n  \"Captured\": \"%s\",\n  \"Files\": {",
+        version, Platform(), captured);
     for (size_t i = 0; i < files.size(); ++i) {
         klString path = klFileSystem::CombinePath(folder, files[i].path);
-        if (!IsSnapshotPath(files[i].path.Const()) || !klFileSystem::CreatePath(klFileSystem::FolderOf(path).Const()) ||
+        if (!IsSnapshotPath(files[i].path.Const()) ||
+            !klFileSystem::CreatePath(klFileSystem::FolderOf(path).Const()) ||
             !WriteFile(path, files[i].text)) {
             error = klpf("cannot write '%s'", path.Const());
             return false;
@@ -170,7 +182,8 @@ bool oRigwardenSnapshot::Write(const klString& folder, const std::vector<vsSnaps
     return true;
 }
 
-oRigwardenSnapshot::Status oRigwardenSnapshot::Check(const klString& folder, const char* version, klString& error) {
+oRigwardenSnapshot::Status oRigwardenSnapshot::Check(const klString& folder, const char* version,
+                                                     klString& error) {
     klString manifestPath = klFileSystem::CombinePath(folder, kManifestName);
     if (!klFileSystem::FileExists(manifestPath.Const())) return kNoManifest;
     klBlob blob;
@@ -178,19 +191,20 @@ oRigwardenSnapshot::Status oRigwardenSnapshot::Check(const klString& folder, con
     ManifestLines lines(loaded ? reinterpret_cast<const char*>(blob.ConstPtr(0)) : "");
     std::string_view line, value;
     std::vector<vsSnapshotFile> files;
-    if (!lines.Next(line) || line != "{" || !lines.Next(line) || line != "  \"Snapshot\": \"rigwarden\",") {
+    if (!lines.Next(line) || line != "{" || !lines.Next(line) ||
+        line != "  \"Snapshot\": \"rigwarden\",") {
         error = klpf("is damaged: %s is no snapshot manifest", kManifestName);
         return kUnusable;
     }
     // The version comes first, so a later layout still meets a clear refusal.
     if (!lines.Value("Version", value) || value != version) {
-        error = klpf("was captured by rigwarden-check %.*s; this is rigwarden-check %s", int(std::min<size_t>(value.size(), 64)),
-                     value.data(), version);
+        error = klpf("was captured by rigwarden-check %.*s; this is rigwarden-check %s",
+                     int(std::min<size_t>(value.size(), 64)), value.data(), version);
         return kUnusable;
     }
     if (!lines.Value("Platform", value) || value != Platform()) {
-        error = klpf("was captured on %.*s; this rigwarden-check reads %s snapshots", int(std::min<size_t>(value.size(), 64)),
-                     value.data(), Platform());
+        error = klpf("was captured on %.*s; this rigwarden-check reads %s snapshots",
+                     int(std::min<size_t>(value.size(), 64)), value.data(), Platform());
         return kUnusable;
     }
     if (!lines.Value("Captured", value) || !ReadFileList(lines, files)) {
@@ -211,7 +225,8 @@ oRigwardenSnapshot::Status oRigwardenSnapshot::Check(const klString& folder, con
         return kUnusable;
     }
     for (const klString& path : present) {
-        bool listed = std::any_of(files.begin(), files.end(), [&](const vsSnapshotFile& file) { return file.path == path; });
+        bool listed = std::any_of(files.begin(), files.end(),
+                                  [&](const vsSnapshotFile& file) { return file.path == path; });
         if (!listed && path != kManifestName) {
             error = klpf("is damaged: %s is no part of it", path.Const());
             return kUnusable;

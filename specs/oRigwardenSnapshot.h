@@ -32,8 +32,8 @@ public:
     // Writes files and the manifest into folder, which must be absent or empty. answerJson
     // is the answer given on the machine, as JSON. False, with the reason in error, when the
     // folder is taken or a file cannot be written.
-    static bool Write(const klString& folder, const std::vector<vsSnapshotFile>& files, const char* version,
-                      const klString& answerJson, klString& error);
+    static bool Write(const klString& folder, const std::vector<vsSnapshotFile>& files,
+                      const char* version, const klString& answerJson, klString& error);
 
     enum Status {
         kUsable,     // a whole snapshot of this version and platform

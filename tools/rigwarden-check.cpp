@@ -248,7 +248,8 @@ int UseRoot(const char* root) {
     }
     // Windows probes read no files, so only a snapshot can stand in for a machine there.
     if (std::strcmp(oRigwardenSnapshot::Platform(), "linux") != 0) {
-        std::fprintf(stderr, "rigwarden-check: root folder '%s' holds no %s\n", root, oRigwardenSnapshot::kManifestName);
+        std::fprintf(stderr, "rigwarden-check: root folder '%s' holds no %s\n", root,
+                     oRigwardenSnapshot::kManifestName);
         return kUsageError;
     }
     if (!CheckRoot(root)) return kUsageError;

@@ -506,7 +506,8 @@ std::vector<vsSnapshotFile> oRigwardenSnapshot::EndCapture() {
     const char kPciFolder[] = "sys/bus/pci/devices/";
     for (vsSnapshotFile& file : tRecorded) {
         // The keys that ReadCpuMHz and ReadTotalPhysicalMemory ask for.
-        if (file.path == "proc/cpuinfo") file.text = KeptLines(file.text, {"model name", "cpu MHz", "cpu MHz static", "clock"});
+        if (file.path == "proc/cpuinfo")
+            file.text = KeptLines(file.text, {"model name", "cpu MHz", "cpu MHz static", "clock"});
         if (file.path == "proc/meminfo") file.text = KeptLines(file.text, {"MemTotal"});
         if (std::strncmp(file.path.Const(), kPciFolder, sizeof(kPciFolder) - 1) == 0) {
             // Display-class devices only: the class of every PCI device was read to find them.

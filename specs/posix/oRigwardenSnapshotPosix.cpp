@@ -9,7 +9,9 @@ namespace {
 klString gRootBeforeReplay;
 } // namespace
 
-const char* oRigwardenSnapshot::Platform() { return "linux"; }
+const char* oRigwardenSnapshot::Platform() {
+    return "linux";
+}
 
 bool oRigwardenSnapshot::StartReplay(const klString& folder, klString& error) {
     const char* root = std::getenv("RIGWARDEN_ROOT");
@@ -19,4 +21,6 @@ bool oRigwardenSnapshot::StartReplay(const klString& folder, klString& error) {
     return false;
 }
 
-void oRigwardenSnapshot::StopReplay() { kl::platform::SetEnv("RIGWARDEN_ROOT", gRootBeforeReplay.Const()); }
+void oRigwardenSnapshot::StopReplay() {
+    kl::platform::SetEnv("RIGWARDEN_ROOT", gRootBeforeReplay.Const());
+}

@@ -4,7 +4,8 @@
 #include "../oRigwarden.h"
 #include "oRigwardenWin32Calls.h"
 
-const GUID kDisplayDeviceClass = {0x4d36e968, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}};
+const GUID kDisplayDeviceClass = {
+    0x4d36e968, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}};
 
 namespace {
 
@@ -20,8 +21,8 @@ bool ReadTextProperty(HDEVINFO set, SP_DEVINFO_DATA& device, DWORD property, std
     for (int attempt = 0; attempt < 2; ++attempt) {
         DWORD needed = 0;
         if (oRigwardenWin32Calls().setupDiGetDeviceRegistryPropertyA(
-                set, &device, property, nullptr, reinterpret_cast<PBYTE>(buffer.data()), DWORD(buffer.size() - 2),
-                &needed)) {
+                set, &device, property, nullptr, reinterpret_cast<PBYTE>(buffer.data()),
+                DWORD(buffer.size() - 2), &needed)) {
             text = buffer.data();
             return true;
         }
@@ -56,7 +57,8 @@ void vsEnumDisplayDevices(const std::function<void(DWORD, char*, const char*)>& 
     DISPLAY_DEVICEA device = {};
     device.cb = sizeof(device);
     // Every index is asked once, whatever becomes of its device.
-    for (DWORD index = 0; oRigwardenWin32Calls().enumDisplayDevicesA(nullptr, index, &device, 0); ++index)
+    for (DWORD index = 0; oRigwardenWin32Calls().enumDisplayDevicesA(nullptr, index, &device, 0);
+         ++index)
         visit(device.StateFlags, device.DeviceID, device.DeviceString);
 }
 
@@ -64,7 +66,8 @@ bool vsReadPresentDisplayDevices(std::vector<vsPresentDevice>& devices) {
     const vsWin32Calls& calls = oRigwardenWin32Calls();
     // The registry's view of the devices: nothing here opens a device, so a discrete GPU
     // that sleeps stays asleep.
-    HDEVINFO set = calls.setupDiGetClassDevsA(&kDisplayDeviceClass, nullptr, nullptr, DIGCF_PRESENT);
+    HDEVINFO set =
+        calls.setupDiGetClassDevsA(&kDisplayDeviceClass, nullptr, nullptr, DIGCF_PRESENT);
     if (set == INVALID_HANDLE_VALUE) return false;
     std::vector<vsPresentDevice> found;
     bool ok = false;
@@ -89,14 +92,15 @@ bool vsReadPresentDisplayDevices(std::vector<vsPresentDevice>& devices) {
 uint32_t oRigwardenProbe::ReadCpuMHz(klString& errors) {
     const vsWin32Calls& calls = oRigwardenWin32Calls();
     HKEY key;
-    if (calls.regOpenKeyExA(HKEY_LOCAL_MACHINE, "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0\\", 0,
-                            KEY_READ, &key) != ERROR_SUCCESS) {
+    if (calls.regOpenKeyExA(HKEY_LOCAL_MACHINE,
+                            "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0\\", 0, KEY_READ,
+                            &key) != ERROR_SUCCESS) {
         errors << kCpuInfoMissingMessage;
         return 0;
     }
     DWORD mhz = 0, size = sizeof(mhz);
-    if (calls.regQueryValueExA(key, "~MHz", nullptr, nullptr, reinterpret_cast<LPBYTE>(&mhz), &size) !=
-        ERROR_SUCCESS) {
+    if (calls.regQueryValueExA(key, "~MHz", nullptr, nullptr, reinterpret_cast<LPBYTE>(&mhz),
+                               &size) != ERROR_SUCCESS) {
         errors << kCpuSpeedMissingMessage;
         mhz = 0;
     }
@@ -119,7 +123,8 @@ void oRigwardenProbe::ReadAdapters(std::vector<vsGpuInfo>& adapters, bool allPre
     // A registry that cannot be read whole adds nothing: the attached adapters stand.
     if (!allPresent || !vsReadPresentDisplayDevices(present)) return;
     // After the attached ones, so an adapter seen by both keeps its desktop name.
-    for (vsPresentDevice& device : present) collector.Add(true, device.hardwareId.data(), device.description.c_str());
+    for (vsPresentDevice& device : present)
+        collector.Add(true, device.hardwareId.data(), device.description.c_str());
 }
 
 uint64_t oRigwardenProbe::ReadTotalPhysicalMemory() {

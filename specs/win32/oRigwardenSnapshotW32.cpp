@@ -60,7 +60,8 @@ bool Unescape(std::string_view token, std::string& text) {
             text += token[i];
             continue;
         }
-        char hex[3] = {i + 2 < token.size() ? token[i + 1] : 'x', i + 2 < token.size() ? token[i + 2] : 'x', 0};
+        char hex[3] = {i + 2 < token.size() ? token[i + 1] : 'x',
+                       i + 2 < token.size() ? token[i + 2] : 'x', 0};
         char* end = nullptr;
         long value = std::strtol(hex, &end, 16);
         if (end != hex + 2 || hex[0] == '-' || hex[0] == '+') return false;
@@ -95,7 +96,8 @@ bool ParseLine(const std::vector<std::string_view>& tokens, Machine& machine) {
             return false;
         return true;
     }
-    if (kind == "processors" && tokens.size() == 2 && ParseUnsigned(tokens[1], 10, UINT32_MAX, value)) {
+    if (kind == "processors" && tokens.size() == 2 &&
+        ParseUnsigned(tokens[1], 10, UINT32_MAX, value)) {
         machine.processors = DWORD(value);
         return true;
     }
@@ -103,10 +105,12 @@ bool ParseLine(const std::vector<std::string_view>& tokens, Machine& machine) {
         machine.memory = value;
         return true;
     }
-    if (kind == "display" && tokens.size() == 4 && ParseUnsigned(tokens[1], 16, UINT32_MAX, value)) {
+    if (kind == "display" && tokens.size() == 4 &&
+        ParseUnsigned(tokens[1], 16, UINT32_MAX, value)) {
         Display display{DWORD(value), {}, {}};
         machine.displays.push_back(display);
-        return Unescape(tokens[2], machine.displays.back().id) && Unescape(tokens[3], machine.displays.back().description);
+        return Unescape(tokens[2], machine.displays.back().id) &&
+               Unescape(tokens[3], machine.displays.back().description);
     }
     if (kind == "present" && tokens.size() == 3) {
         machine.present.emplace_back();
@@ -157,8 +161,12 @@ LSTATUS WINAPI ReplayQueryValue(HKEY, LPCSTR, LPDWORD, LPDWORD, LPBYTE data, LPD
     *size = sizeof(DWORD);
     return ERROR_SUCCESS;
 }
-LSTATUS WINAPI ReplayCloseKey(HKEY) { return ERROR_SUCCESS; }
-void WINAPI ReplaySystemInfo(LPSYSTEM_INFO info) { info->dwNumberOfProcessors = gReplayed.processors; }
+LSTATUS WINAPI ReplayCloseKey(HKEY) {
+    return ERROR_SUCCESS;
+}
+void WINAPI ReplaySystemInfo(LPSYSTEM_INFO info) {
+    info->dwNumberOfProcessors = gReplayed.processors;
+}
 BOOL WINAPI ReplayEnumDisplay(LPCSTR, DWORD index, PDISPLAY_DEVICEA device, DWORD) {
     if (index >= gReplayed.displays.size()) return FALSE;
     const Display& display = gReplayed.displays[index];
@@ -172,7 +180,8 @@ BOOL WINAPI ReplayMemory(LPMEMORYSTATUSEX status) {
     return TRUE;
 }
 HDEVINFO WINAPI ReplayClassDevs(const GUID*, PCSTR, HWND, DWORD) {
-    return gReplayed.presentReadable ? reinterpret_cast<HDEVINFO>(uintptr_t(1)) : INVALID_HANDLE_VALUE;
+    return gReplayed.presentReadable ? reinterpret_cast<HDEVINFO>(uintptr_t(1))
+                                     : INVALID_HANDLE_VALUE;
 }
 BOOL WINAPI ReplayEnumDevice(HDEVINFO, DWORD index, PSP_DEVINFO_DATA device) {
     if (index >= gReplayed.present.size()) {
@@ -182,21 +191,26 @@ BOOL WINAPI ReplayEnumDevice(HDEVINFO, DWORD index, PSP_DEVINFO_DATA device) {
     device->DevInst = index;
     return TRUE;
 }
-BOOL WINAPI ReplayProperty(HDEVINFO, PSP_DEVINFO_DATA device, DWORD property, PDWORD, PBYTE buffer, DWORD size,
-                           PDWORD needed) {
+BOOL WINAPI ReplayProperty(HDEVINFO, PSP_DEVINFO_DATA device, DWORD property, PDWORD, PBYTE buffer,
+                           DWORD size, PDWORD needed) {
     const vsPresentDevice& present = gReplayed.present[device->DevInst];
-    const std::string& text = property == SPDRP_HARDWAREID ? present.hardwareId : present.description;
+    const std::string& text =
+        property == SPDRP_HARDWAREID ? present.hardwareId : present.description;
     SetLastError(text.empty() ? ERROR_INVALID_DATA : ERROR_INSUFFICIENT_BUFFER);
     if (needed) *needed = DWORD(text.size() + 1);
     if (text.empty() || size < text.size() + 1) return FALSE;
     std::memcpy(buffer, text.c_str(), text.size() + 1);
     return TRUE;
 }
-BOOL WINAPI ReplayDestroy(HDEVINFO) { return TRUE; }
+BOOL WINAPI ReplayDestroy(HDEVINFO) {
+    return TRUE;
+}
 
 } // namespace
 
-const char* oRigwardenSnapshot::Platform() { return "windows"; }
+const char* oRigwardenSnapshot::Platform() {
+    return "windows";
+}
 
 // The calls are asked at the end instead, all of them: the device registry too, so that
 // the snapshot answers the query with and without all adapters.
@@ -206,19 +220,20 @@ std::vector<vsSnapshotFile> oRigwardenSnapshot::EndCapture() {
     klString text = klpf("%s\n", kMachineHead);
     klString errors;
     uint32_t mhz = oRigwardenProbe::ReadCpuMHz(errors);
-    text << (errors.IsEmpty()                        ? klpf("cpu-mhz %u\n", mhz)
+    text << (errors.IsEmpty()                   ? klpf("cpu-mhz %u\n", mhz)
              : errors == kCpuInfoMissingMessage ? klString("cpu-mhz key-missing\n")
-                                                     : klString("cpu-mhz value-missing\n"));
+                                                : klString("cpu-mhz value-missing\n"));
     text << klpf("processors %u\nmemory %llu\n", oRigwardenProbe::ReadCpuCount(),
                  static_cast<unsigned long long>(oRigwardenProbe::ReadTotalPhysicalMemory()));
     vsEnumDisplayDevices([&](DWORD flags, char* id, const char* description) {
-        text << klpf("display %08lx ", static_cast<unsigned long>(flags)) << Escape(id) << " " << Escape(description)
-             << "\n";
+        text << klpf("display %08lx ", static_cast<unsigned long>(flags)) << Escape(id) << " "
+             << Escape(description) << "\n";
     });
     std::vector<vsPresentDevice> present;
     if (!vsReadPresentDisplayDevices(present)) text << "present-unreadable\n";
     for (const vsPresentDevice& device : present)
-        text << "present " << Escape(device.hardwareId.c_str()) << " " << Escape(device.description.c_str()) << "\n";
+        text << "present " << Escape(device.hardwareId.c_str()) << " "
+             << Escape(device.description.c_str()) << "\n";
     text << "end\n";
     return {{kMachineFile, text}};
 }
@@ -226,16 +241,19 @@ std::vector<vsSnapshotFile> oRigwardenSnapshot::EndCapture() {
 bool oRigwardenSnapshot::StartReplay(const klString& folder, klString& error) {
     klBlob blob;
     Machine machine;
-    if (!klFileSystem::LoadZ(klFileSystem::CombinePath(folder, kMachineFile), blob, kMaxMachineFileBytes) ||
-        blob.Size() == 0 || !ParseMachine(reinterpret_cast<const char*>(blob.ConstPtr(0)), machine)) {
+    if (!klFileSystem::LoadZ(klFileSystem::CombinePath(folder, kMachineFile), blob,
+                             kMaxMachineFileBytes) ||
+        blob.Size() == 0 ||
+        !ParseMachine(reinterpret_cast<const char*>(blob.ConstPtr(0)), machine)) {
         error = klpf("is damaged: %s cannot be read", kMachineFile);
         return false;
     }
     gReplayed = machine;
     if (!gReplaying) gCallsBeforeReplay = oRigwardenWin32Calls();
     gReplaying = true;
-    oRigwardenWin32Calls() = {ReplayOpenKey, ReplayQueryValue, ReplayCloseKey,  ReplaySystemInfo, ReplayEnumDisplay,
-                              ReplayMemory,  ReplayClassDevs,  ReplayEnumDevice, ReplayProperty,   ReplayDestroy};
+    oRigwardenWin32Calls() = {
+        ReplayOpenKey, ReplayQueryValue, ReplayCloseKey,   ReplaySystemInfo, ReplayEnumDisplay,
+        ReplayMemory,  ReplayClassDevs,  ReplayEnumDevice, ReplayProperty,   ReplayDestroy};
     return true;
 }
 

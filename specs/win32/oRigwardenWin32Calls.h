@@ -20,7 +20,8 @@ struct vsWin32Calls {
     // The device registry, asked only by the all-adapters query.
     HDEVINFO(WINAPI* setupDiGetClassDevsA)(const GUID*, PCSTR, HWND, DWORD);
     BOOL(WINAPI* setupDiEnumDeviceInfo)(HDEVINFO, DWORD, PSP_DEVINFO_DATA);
-    BOOL(WINAPI* setupDiGetDeviceRegistryPropertyA)(HDEVINFO, PSP_DEVINFO_DATA, DWORD, PDWORD, PBYTE, DWORD, PDWORD);
+    BOOL(WINAPI* setupDiGetDeviceRegistryPropertyA)
+    (HDEVINFO, PSP_DEVINFO_DATA, DWORD, PDWORD, PBYTE, DWORD, PDWORD);
     BOOL(WINAPI* setupDiDestroyDeviceInfoList)(HDEVINFO);
 };
 
