@@ -50,8 +50,14 @@ rigwarden_gpu_info ToC(const vsGpuInfo& adapter, AnswerBlock& block) {
 
 } // namespace
 
+static_assert(RIGWARDEN_QUERY_ALL_ADAPTERS == vsQueryAllAdapters, "the C flag is the native one");
+
 extern "C" rigwarden_spec_info* rigwarden_get_spec_info(const char* database_dir) {
-    vsQueryResult result = oRigwarden::RunQuery(klString(database_dir));
+    return rigwarden_get_spec_info_ex(database_dir, 0);
+}
+
+extern "C" rigwarden_spec_info* rigwarden_get_spec_info_ex(const char* database_dir, uint32_t flags) {
+    vsQueryResult result = oRigwarden::RunQuery(klString(database_dir), flags);
     AnswerBlock block(result);
     rigwarden_gpu_info* adapters = block.Adapters();
     for (size_t i = 0; i < result.adapters.size(); ++i) adapters[i] = ToC(result.adapters[i], block);

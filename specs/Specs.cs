@@ -49,6 +49,17 @@ namespace Rigwarden
         }
     }
 
+    // What a query lists besides the launcher's usual answer; the values are the C
+    // interface's RIGWARDEN_QUERY_* flags.
+    [Flags]
+    public enum SpecQuery : uint
+    {
+        Default = 0,
+        // Also the display devices that drive no desktop, such as the discrete GPU of a
+        // hybrid laptop on Windows. Linux lists every display device anyway.
+        AllAdapters = 1,
+    }
+
     public class Specs
     {
         public Specs()
@@ -59,7 +70,18 @@ namespace Rigwarden
         // directory. Never null; probe failures arrive in IsError and ErrorMessage.
         public static SpecInfo GetSpecInfo(string directory)
         {
-            IntPtr native = Native.rigwarden_get_spec_info(directory ?? "");
+            return Query(Native.rigwarden_get_spec_info(directory ?? ""));
+        }
+
+        // The same query with options: SpecQuery.AllAdapters also lists the adapters that
+        // drive no desktop, so a hybrid laptop shows its discrete GPU.
+        public static SpecInfo GetSpecInfo(string directory, SpecQuery query)
+        {
+            return Query(Native.rigwarden_get_spec_info_ex(directory ?? "", (uint)query));
+        }
+
+        static SpecInfo Query(IntPtr native)
+        {
             try
             {
                 return Copy(Marshal.PtrToStructure<Native.SpecInfo>(native));
@@ -134,6 +156,10 @@ namespace Rigwarden
 
         [DllImport("rigwarden", CallingConvention = CallingConvention.Cdecl)]
         internal static extern IntPtr rigwarden_get_spec_info([MarshalAs(UnmanagedType.LPStr)] string databaseDir);
+
+        [DllImport("rigwarden", CallingConvention = CallingConvention.Cdecl)]
+        internal static extern IntPtr rigwarden_get_spec_info_ex([MarshalAs(UnmanagedType.LPStr)] string databaseDir,
+                                                                 uint flags);
 
         [DllImport("rigwarden", CallingConvention = CallingConvention.Cdecl)]
         internal static extern void rigwarden_free_spec_info(IntPtr info);

@@ -49,6 +49,16 @@ typedef struct rigwarden_spec_info {
 
 /* Runs one query; never returns null. A null or empty folder finds no database. */
 RIGWARDEN_API rigwarden_spec_info* rigwarden_get_spec_info(const char* database_dir);
+
+/* Flags of rigwarden_get_spec_info_ex. */
+/* Also list the present display devices that drive no desktop, such as the render-only
+ * discrete GPU of a hybrid laptop (Windows: from the device registry, without waking the
+ * device). On Linux every display device is listed anyway, so the flag changes nothing. */
+#define RIGWARDEN_QUERY_ALL_ADAPTERS 0x1u
+
+/* rigwarden_get_spec_info with options: flags is 0 (the same query) or a combination of
+ * RIGWARDEN_QUERY_* bits; other bits are ignored. */
+RIGWARDEN_API rigwarden_spec_info* rigwarden_get_spec_info_ex(const char* database_dir, uint32_t flags);
 /* Frees an answer; null is fine. */
 RIGWARDEN_API void rigwarden_free_spec_info(rigwarden_spec_info* info);
 

@@ -233,11 +233,11 @@ vsSpecInfo oRigwarden::GetSpecInfo(const std::vector<vsGpuInfo>& adapters, uint3
     return spec;
 }
 
-vsQueryResult oRigwarden::RunQuery(const klString& databaseDir) {
+vsQueryResult oRigwarden::RunQuery(const klString& databaseDir, uint32_t flags) {
     vsQueryResult result;
     result.cpuMHz = oRigwardenProbe::ReadCpuMHz(result.probeErrors);
     result.cpuCount = oRigwardenProbe::ReadCpuCount();
-    oRigwardenProbe::ReadAdapters(result.adapters);
+    oRigwardenProbe::ReadAdapters(result.adapters, (flags & vsQueryAllAdapters) != 0);
     result.totalPhysBytes = oRigwardenProbe::ReadTotalPhysicalMemory();
     GetGpuInfo({databaseDir}, result.adapters, result.bestIndex);
     result.spec = GetSpecInfo(result.adapters, result.bestIndex, result.cpuCount, result.cpuMHz,

@@ -59,6 +59,13 @@ private:
     uint32_t mDeviceId = 0;
 };
 
+// Options of one query, the bits of the C interface's RIGWARDEN_QUERY_* flags.
+enum vsQueryFlags : uint32_t {
+    vsQueryDefault = 0,
+    // Also the display devices that drive no desktop (the discrete GPU of a hybrid laptop).
+    vsQueryAllAdapters = 1,
+};
+
 class oRigwarden {
 public:
     // Reads every "*.cfg" file of the directories into the adapters' database fields,
@@ -78,8 +85,9 @@ public:
     // database reads tokens where they lie, without copying them out to terminate them.
     static uint64_t ParseNumberToken(const char* begin, const char* end, int base, bool isSigned);
 
-    // One whole query: probe this machine, read the database folder, judge.
-    static vsQueryResult RunQuery(const klString& databaseDir);
+    // One whole query: probe this machine, read the database folder, judge. flags is a
+    // combination of vsQueryFlags; other bits are ignored.
+    static vsQueryResult RunQuery(const klString& databaseDir, uint32_t flags = vsQueryDefault);
 };
 
 // The machine probes; each platform has its own half (specs/win32, specs/posix).
@@ -87,7 +95,9 @@ struct oRigwardenProbe {
     // Processor speed in MHz; on failure 0, with the failure's message appended to errors.
     static uint32_t ReadCpuMHz(klString& errors);
     static uint32_t ReadCpuCount();
-    static void ReadAdapters(std::vector<vsGpuInfo>& adapters);
+    // The display adapters attached to the desktop; with allPresent, then every other
+    // present display device too. Linux has no such split: it always reads them all.
+    static void ReadAdapters(std::vector<vsGpuInfo>& adapters, bool allPresent = false);
     static uint64_t ReadTotalPhysicalMemory();
 };
 

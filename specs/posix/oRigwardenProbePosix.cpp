@@ -3,6 +3,7 @@
 // Display adapters come from sysfs attributes alone: opening a device or its DRM node
 // would wake a discrete GPU that sleeps to save a laptop's battery.
 #include "../oRigwarden.h"
+#include "../oRigwardenSnapshot.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -37,6 +38,22 @@ klString RootPath(const char* relative) {
     const char* root = Root() ? Root() : "/";
     size_t length = std::strlen(root);
     return klpf("%s%s%s", root, root[length - 1] == '/' ? "" : "/", relative);
+}
+
+// While a snapshot is captured on this thread: every probe file read, whole, by its path
+// below the root. EndCapture keeps of it what a replay needs.
+thread_local bool tRecording = false;
+thread_local std::vector<vsSnapshotFile> tRecorded;
+
+void Record(const klString& path, const klString& text) {
+    if (!tRecording) return;
+    klString relative = path.SubString(RootPath("").Size(), path.Size());
+    for (vsSnapshotFile& file : tRecorded)
+        if (file.path == relative) {
+            file.text = text;
+            return;
+        }
+    tRecorded.push_back({relative, text});
 }
 
 // A descriptor for reading path when it is a regular file, else -1. A FIFO or a device
@@ -81,6 +98,7 @@ bool ReadText(const klString& path, klString& text) {
     close(fd);
     if (!ok || used > kMaxProbeFileBytes) return false;
     text = klString(bytes.data(), uint32_t(used));
+    Record(path, text);
     return true;
 }
 
@@ -124,21 +142,40 @@ bool ParseDecimal(const char*& at, int places, uint64_t max, uint64_t& value) {
     return !overflow && value <= max;
 }
 
-// The first line of text whose key is exactly key (blanks may stand before the colon):
-// its value, from behind the colon; null when no line has that key.
-const char* FieldValue(const klString& text, const char* key) {
+// When line's key is exactly key (blanks may stand before the colon): its value, from
+// behind the colon; else null.
+const char* KeyValue(const char* line, const char* key) {
     size_t keyLength = std::strlen(key);
+    if (std::strncmp(line, key, keyLength) != 0) return nullptr;
+    const char* at = line + keyLength;
+    while (IsBlank(*at)) ++at;
+    return *at == ':' ? at + 1 : nullptr;
+}
+
+// The value of the first line of text whose key is exactly key; null when none has it.
+const char* FieldValue(const klString& text, const char* key) {
     for (const char* line = text.Const(); *line;) {
-        if (std::strncmp(line, key, keyLength) == 0) {
-            const char* at = line + keyLength;
-            while (IsBlank(*at)) ++at;
-            if (*at == ':') return at + 1;
-        }
+        if (const char* value = KeyValue(line, key)) return value;
         const char* next = std::strchr(line, '\n');
         if (!next) break;
         line = next + 1;
     }
     return nullptr;
+}
+
+// The lines of text that have one of keys, in their order: of a "key : value" file, all
+// that the probes read and all that a snapshot keeps (a serial number stays behind).
+klString KeptLines(const klString& text, std::initializer_list<const char*> keys) {
+    klString kept;
+    for (const char* line = text.Const(); *line;) {
+        const char* next = std::strchr(line, '\n');
+        uint32_t length = uint32_t(next ? next + 1 - line : std::strlen(line));
+        if (std::any_of(keys.begin(), keys.end(), [&](const char* key) { return KeyValue(line, key) != nullptr; }))
+            kept << klString(line, length);
+        if (!next) break;
+        line = next + 1;
+    }
+    return kept;
 }
 
 // A clock such as "2.40GHz", "3864.000000MHz" or "2400 MHz" in MHz; 0 when the text
@@ -270,7 +307,10 @@ uint32_t oRigwardenProbe::ReadCpuCount() {
         if (uint32_t count = CountCpuList(text)) return count;
     if (!SnapshotMode()) {
         long count = sysconf(_SC_NPROCESSORS_ONLN);
-        return count > 0 && uint64_t(count) <= UINT32_MAX ? uint32_t(count) : 0;
+        if (count <= 0 || uint64_t(count) > UINT32_MAX) return 0;
+        // A snapshot may not ask its host, so it keeps the count as the kernel's list.
+        Record(RootPath("sys/devices/system/cpu/online"), klpf("0-%ld\n", count - 1));
+        return uint32_t(count);
     }
     if (ReadText(RootPath("sys/devices/system/cpu/present"), text))
         if (uint32_t count = CountCpuList(text)) return count;
@@ -369,9 +409,10 @@ private:
     bool mAtEnd = false;
 };
 
-FILE* OpenPciIds() {
+FILE* OpenPciIds(klString& path) {
     for (const char* relative : {"usr/share/misc/pci.ids", "usr/share/hwdata/pci.ids"}) {
-        int fd = OpenRegular(RootPath(relative));
+        path = RootPath(relative);
+        int fd = OpenRegular(path);
         if (fd < 0) continue;
         if (FILE* file = fdopen(fd, "rb")) return file;
         close(fd);
@@ -395,14 +436,17 @@ bool ParseIdLine(std::string_view text, uint32_t& id, std::string_view& name) {
 
 // Names every device from pci.ids in one pass that ends as soon as all are named or the
 // vendor list is over (the device classes follow it).
+// A snapshot keeps only the lines that named a device, each under its vendor's line.
 void NameFromPciIds(std::vector<PciDisplayDevice>& devices) {
-    FILE* file = OpenPciIds();
+    klString path;
+    FILE* file = OpenPciIds(path);
     if (!file) return;
     ChunkedLineReader reader(file);
     std::string_view line, name;
     uint32_t vendor = 0, id = 0;
     bool vendorWanted = false; // device lines of other vendors are skipped unread
-    klString vendorName;
+    klString vendorName, vendorLine, kept;
+    uint32_t keptVendor = UINT32_MAX;
     size_t unnamed = devices.size();
     while (unnamed > 0 && reader.Next(line)) {
         if (line.empty() || line[0] == '#') continue;
@@ -412,21 +456,30 @@ void NameFromPciIds(std::vector<PciDisplayDevice>& devices) {
                            std::any_of(devices.begin(), devices.end(),
                                        [&](const PciDisplayDevice& device) { return device.vendor == vendor; });
             if (vendorWanted) vendorName = klString(name.data(), uint32_t(name.size()));
+            if (vendorWanted && tRecording) vendorLine = klString(line.data(), uint32_t(line.size()));
             continue;
         }
         if (!vendorWanted || line.size() < 2 || line[1] == '\t' || !ParseIdLine(line.substr(1), id, name)) continue;
+        size_t before = unnamed;
         for (PciDisplayDevice& device : devices) {
             if (device.vendor != vendor || device.device != id || !device.name.IsEmpty()) continue;
             device.name = klpf("%s %.*s", vendorName.Const(), int(name.size()), name.data());
             --unnamed;
         }
+        if (unnamed == before || !tRecording) continue;
+        if (keptVendor != vendor) kept << vendorLine << "\n";
+        keptVendor = vendor;
+        kept << klString(line.data(), uint32_t(line.size())) << "\n";
     }
     std::fclose(file);
+    if (!kept.IsEmpty()) Record(path, kept);
 }
 
 } // namespace
 
-void oRigwardenProbe::ReadAdapters(std::vector<vsGpuInfo>& adapters) {
+// Every enabled display device is read whether it drives a display or not, so asking for
+// all present ones changes nothing here.
+void oRigwardenProbe::ReadAdapters(std::vector<vsGpuInfo>& adapters, bool /*allPresent*/) {
     std::vector<PciDisplayDevice> devices = ScanPciDisplayDevices();
     NameFromPciIds(devices);
     vsAdapterCollector collector(adapters);
@@ -440,4 +493,33 @@ void oRigwardenProbe::ReadAdapters(std::vector<vsGpuInfo>& adapters) {
                       device.device, device.subsystemDevice, device.subsystemVendor, device.revision);
         collector.Add(true, id, device.name.Const());
     }
+}
+
+void oRigwardenSnapshot::BeginCapture() {
+    tRecorded.clear();
+    tRecording = true;
+}
+
+std::vector<vsSnapshotFile> oRigwardenSnapshot::EndCapture() {
+    tRecording = false;
+    std::vector<vsSnapshotFile> kept;
+    const char kPciFolder[] = "sys/bus/pci/devices/";
+    for (vsSnapshotFile& file : tRecorded) {
+        // The keys that ReadCpuMHz and ReadTotalPhysicalMemory ask for.
+        if (file.path == "proc/cpuinfo")
+            file.text = KeptLines(file.text, {"model name", "cpu MHz", "cpu MHz static", "clock"});
+        if (file.path == "proc/meminfo") file.text = KeptLines(file.text, {"MemTotal"});
+        if (std::strncmp(file.path.Const(), kPciFolder, sizeof(kPciFolder) - 1) == 0) {
+            // Display-class devices only: the class of every PCI device was read to find them.
+            klString classPath = klpf("%s/class", file.path.SubString(0, uint32_t(file.path.Find('/', true))).Const());
+            auto cls = std::find_if(tRecorded.begin(), tRecorded.end(),
+                                    [&](const vsSnapshotFile& other) { return other.path == classPath; });
+            uint64_t value = 0;
+            if (cls == tRecorded.end() || !ParseNumber(cls->text.Const(), UINT32_MAX, value) || (value >> 16) != 0x03)
+                continue;
+        }
+        kept.push_back(file);
+    }
+    tRecorded.clear();
+    return kept;
 }

@@ -93,6 +93,12 @@ static class SpecsTests
               nvidia.RecommendedWidth == 3840 && nvidia.Benchmark == 9800 && !nvidia.Mobile, "database values");
         Check(info.BestGpuIndex == 1, "the faster card is best");
         Check(!info.IsUnderMinSpec && info.UnderMinSpecReason == "", "meets the minimum: " + info.UnderMinSpecReason);
+
+        // Linux lists every display device already: asking for all of them changes nothing.
+        SpecInfo all = Specs.GetSpecInfo(Path.Combine(root, "db"), SpecQuery.AllAdapters);
+        Check(all.GpuInfo.Length == 2 && all.GpuInfo[0].AdapterName == intel.AdapterName &&
+              all.GpuInfo[1].Benchmark == 9800 && all.BestGpuIndex == 1, "all adapters: the same answer");
+        Check((uint)SpecQuery.AllAdapters == 1 && (uint)SpecQuery.Default == 0, "query values are the C flags");
     }
 
     static void EmptyMachine()

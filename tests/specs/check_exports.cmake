@@ -1,4 +1,4 @@
-# Fails unless the rigwarden library exports exactly its two C functions.
+# Fails unless the rigwarden library exports exactly its three C functions.
 if(WINDOWS)
     execute_process(COMMAND ${OBJDUMP} -p ${LIB} OUTPUT_VARIABLE dump RESULT_VARIABLE rc)
     string(REGEX MATCH "\\[Ordinal/Name Pointer\\] Table[^\n]*\n(([ \t]+\\[[^\n]*\n)*)" table "${dump}")
@@ -17,7 +17,7 @@ if(NOT rc EQUAL 0)
     message(FATAL_ERROR "cannot read the exports of ${LIB}")
 endif()
 list(SORT names)
-if(NOT names STREQUAL "rigwarden_free_spec_info;rigwarden_get_spec_info")
+if(NOT names STREQUAL "rigwarden_free_spec_info;rigwarden_get_spec_info;rigwarden_get_spec_info_ex")
     message(FATAL_ERROR "unexpected exports: ${names}")
 endif()
 message(STATUS "exports: ${names}")

@@ -1,4 +1,4 @@
-// rigwarden.dll as a Windows host meets it: loaded by name, two functions found by name,
+// rigwarden.dll as a Windows host meets it: loaded by name, its functions found by name,
 // and nothing else in its export table.
 #include "Specs.h"
 
@@ -6,6 +6,7 @@
 
 #include <windows.h>
 
+#include <cstdio>
 #include <set>
 #include <string>
 
@@ -33,14 +34,18 @@ template <class Function> Function Find(HMODULE library, const char* name) {
 
 } // namespace
 
-TEST(LoadLibraryW32, FindsTheTwoFunctionsAndNothingElse) {
+TEST(LoadLibraryW32, FindsTheThreeFunctionsAndNothingElse) {
     HMODULE library = LoadLibraryA("rigwarden.dll");
     ASSERT_NE(nullptr, library) << GetLastError();
     auto get = Find<decltype(&rigwarden_get_spec_info)>(library, "rigwarden_get_spec_info");
     auto release = Find<decltype(&rigwarden_free_spec_info)>(library, "rigwarden_free_spec_info");
+    auto getEx = Find<decltype(&rigwarden_get_spec_info_ex)>(library, "rigwarden_get_spec_info_ex");
     ASSERT_NE(nullptr, get);
     ASSERT_NE(nullptr, release);
-    EXPECT_EQ((std::set<std::string>{"rigwarden_free_spec_info", "rigwarden_get_spec_info"}), ExportedNames(library));
+    ASSERT_NE(nullptr, getEx);
+    EXPECT_EQ((std::set<std::string>{"rigwarden_free_spec_info", "rigwarden_get_spec_info",
+                                     "rigwarden_get_spec_info_ex"}),
+              ExportedNames(library));
 
     rigwarden_spec_info* info = get("no-such-database");
     ASSERT_NE(nullptr, info);
@@ -48,6 +53,17 @@ TEST(LoadLibraryW32, FindsTheTwoFunctionsAndNothingElse) {
     EXPECT_NE(nullptr, info->under_min_spec_reason);
     EXPECT_EQ(info->gpu_count == 0, info->gpu_info == nullptr);
     for (uint32_t i = 0; i < info->gpu_count; ++i) EXPECT_EQ(1, info->gpu_info[i].not_listed);
+    // The device registry of the machine at hand (wine's, in CI) adds to the attached
+    // adapters and never takes one away.
+    rigwarden_spec_info* all = getEx("no-such-database", RIGWARDEN_QUERY_ALL_ADAPTERS);
+    ASSERT_NE(nullptr, all);
+    EXPECT_GE(all->gpu_count, info->gpu_count);
+    for (uint32_t i = 0; i < info->gpu_count; ++i) {
+        EXPECT_STREQ(info->gpu_info[i].adapter_name, all->gpu_info[i].adapter_name);
+        EXPECT_EQ(info->gpu_info[i].vendor_id, all->gpu_info[i].vendor_id);
+    }
+    std::printf("attached adapters: %u, present display devices: %u\n", info->gpu_count, all->gpu_count);
+    release(all);
     release(info);
     EXPECT_TRUE(FreeLibrary(library));
 }

@@ -1,6 +1,9 @@
 // The Windows probes against a machine made of fake system calls.
 #include "oRigwarden.h"
+#include "oRigwardenSnapshot.h"
 #include "win32/oRigwardenWin32Calls.h"
+
+#include "../keel/keel_test.h"
 
 #include <gtest/gtest.h>
 
@@ -56,17 +59,88 @@ BOOL WINAPI FakeMemory(LPMEMORYSTATUSEX status) {
     return TRUE;
 }
 
+// The device registry: present display devices; a null text is an absent property.
+struct FakePresent {
+    const char* hardwareId;
+    const char* description;
+};
+std::vector<FakePresent> gPresent;
+bool gClassDevsFails = false;
+DWORD gPropertyFailsAt = DWORD(-1); // the device whose properties cannot be read
+int gClassDevsCalls = 0, gDestroyed = 0;
+const HDEVINFO kFakeSet = reinterpret_cast<HDEVINFO>(0x5678);
+
+HDEVINFO WINAPI FakeClassDevs(const GUID* cls, PCSTR enumerator, HWND window, DWORD flags) {
+    EXPECT_TRUE(IsEqualGUID(*cls, GUID{0x4d36e968, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}));
+    EXPECT_EQ(nullptr, enumerator);
+    EXPECT_EQ(nullptr, window);
+    EXPECT_EQ(DWORD(DIGCF_PRESENT), flags);
+    ++gClassDevsCalls;
+    return gClassDevsFails ? INVALID_HANDLE_VALUE : kFakeSet;
+}
+BOOL WINAPI FakeEnumInfo(HDEVINFO set, DWORD index, PSP_DEVINFO_DATA data) {
+    EXPECT_EQ(kFakeSet, set);
+    EXPECT_EQ(sizeof(SP_DEVINFO_DATA), data->cbSize);
+    if (index >= gPresent.size()) {
+        SetLastError(ERROR_NO_MORE_ITEMS);
+        return FALSE;
+    }
+    data->DevInst = index;
+    return TRUE;
+}
+BOOL WINAPI FakeProperty(HDEVINFO, PSP_DEVINFO_DATA data, DWORD property, PDWORD, PBYTE buffer, DWORD size,
+                         PDWORD needed) {
+    const FakePresent& device = gPresent[data->DevInst];
+    const char* text = property == SPDRP_HARDWAREID ? device.hardwareId : device.description;
+    SetLastError(data->DevInst == gPropertyFailsAt ? ERROR_ACCESS_DENIED : ERROR_INVALID_DATA);
+    if (!text || data->DevInst == gPropertyFailsAt) return FALSE;
+    *needed = DWORD(std::strlen(text) + 1); // stored without the list's closing zero
+    if (size < *needed) {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return FALSE;
+    }
+    std::memcpy(buffer, text, *needed);
+    return TRUE;
+}
+BOOL WINAPI FakeDestroy(HDEVINFO set) {
+    EXPECT_EQ(kFakeSet, set);
+    ++gDestroyed;
+    return TRUE;
+}
+
 // Puts the fake machine in place for one test and the real calls back afterwards.
-class ProbeW32 : public testing::Test {
+class ProbeW32 : public keeltest::TempFolderTest {
 protected:
     void SetUp() override {
+        keeltest::TempFolderTest::SetUp();
         mSaved = oRigwardenWin32Calls();
-        oRigwardenWin32Calls() = {FakeOpen, FakeQuery, FakeClose, FakeSystemInfo, FakeEnum, FakeMemory};
+        oRigwardenWin32Calls() = {FakeOpen,   FakeQuery,     FakeClose,    FakeSystemInfo, FakeEnum,
+                                  FakeMemory, FakeClassDevs, FakeEnumInfo, FakeProperty,   FakeDestroy};
         gOpenResult = gQueryResult = ERROR_SUCCESS;
-        gCloses = 0;
+        gCloses = gClassDevsCalls = gDestroyed = 0;
         gAskedIndexes.clear();
+        gPresent.clear();
+        gClassDevsFails = false;
+        gPropertyFailsAt = DWORD(-1);
     }
-    void TearDown() override { oRigwardenWin32Calls() = mSaved; }
+    void TearDown() override {
+        oRigwardenWin32Calls() = mSaved;
+        keeltest::TempFolderTest::TearDown();
+    }
+    // A hybrid laptop: the integrated GPU drives the panel, the discrete one only renders.
+    void SetUpHybridLaptop() {
+        gDevices = {{DISPLAY_DEVICE_ATTACHED_TO_DESKTOP | DISPLAY_DEVICE_PRIMARY_DEVICE,
+                     "PCI\\VEN_8086&DEV_A7A0&SUBSYS_8A2C1043&REV_04", "Intel(R) Iris(R) Xe Graphics"},
+                    {0, "PCI\\VEN_10DE&DEV_28E0&SUBSYS_8A2C1043&REV_A1", "NVIDIA GeForce RTX 4060 Laptop GPU"}};
+        gPresent = {{"PCI\\VEN_8086&DEV_A7A0&SUBSYS_8A2C1043&REV_04", "Intel(R) Iris(R) Xe Graphics"},
+                    {"PCI\\VEN_10DE&DEV_28E0&SUBSYS_8A2C1043&REV_A1", "NVIDIA GeForce RTX 4060 Laptop GPU"}};
+        Write("db/gpus.cfg", "8086 A7A0 1 1600 300 M\n10DE 28E0 3 1920 2500 M\n");
+    }
+    std::vector<vsGpuInfo> AllAdapters() {
+        std::vector<vsGpuInfo> adapters;
+        oRigwardenProbe::ReadAdapters(adapters, true);
+        return adapters;
+    }
     vsWin32Calls mSaved;
 };
 
@@ -112,4 +186,108 @@ TEST_F(ProbeW32, DisplayDevicesAttachedDistinctAndInherited) {
     EXPECT_EQ(0x10DEu, adapters[1].vendorId); // inherited from the device before it
     EXPECT_EQ(0x1C03u, adapters[1].deviceId);
     EXPECT_EQ((std::vector<DWORD>{0, 1, 2, 3, 4, 5}), gAskedIndexes); // each index once, until FALSE
+}
+
+TEST_F(ProbeW32, HybridLaptopShowsItsDiscreteGpuOnlyWhenAsked) {
+    SetUpHybridLaptop();
+    vsQueryResult standard = oRigwarden::RunQuery(Path("db").c_str());
+    ASSERT_EQ(1u, standard.adapters.size());
+    EXPECT_STREQ("Intel(R) Iris(R) Xe Graphics", standard.adapters[0].name.Const());
+    EXPECT_EQ(0, gClassDevsCalls); // the launcher's own query never asks the device registry
+
+    vsQueryResult all = oRigwarden::RunQuery(Path("db").c_str(), vsQueryAllAdapters);
+    ASSERT_EQ(2u, all.adapters.size());
+    EXPECT_STREQ("Intel(R) Iris(R) Xe Graphics", all.adapters[0].name.Const());
+    EXPECT_STREQ("NVIDIA GeForce RTX 4060 Laptop GPU", all.adapters[1].name.Const());
+    EXPECT_EQ(0x10DEu, all.adapters[1].vendorId);
+    EXPECT_EQ(0x28E0u, all.adapters[1].deviceId);
+    EXPECT_EQ(2500u, all.adapters[1].benchmark);
+    EXPECT_EQ(1u, all.bestIndex);
+    EXPECT_EQ(1, gDestroyed);
+}
+
+TEST_F(ProbeW32, PresentDevicesAreDeduplicatedAndInheritIdsLikeAttachedOnes) {
+    gDevices = {{DISPLAY_DEVICE_ATTACHED_TO_DESKTOP, "PCI\\VEN_10DE&DEV_2684&REV_A1", "NVIDIA GeForce RTX 4090"}};
+    const std::string longName(700, 'x'); // longer than the first buffer the property is read into
+    gPresent = {{"PCI\\VEN_10DE&DEV_2684&REV_A1", "second name of the same card"},
+                {"PCI\\DEV_1C03", "no vendor in the id"},
+                {nullptr, "no hardware id at all"},
+                {"PCI\\VEN_1002&DEV_744C", nullptr},
+                {"PCI\\VEN_1002&DEV_73BF", longName.c_str()}};
+    std::vector<vsGpuInfo> adapters = AllAdapters();
+    ASSERT_EQ(3u, adapters.size());
+    EXPECT_STREQ("NVIDIA GeForce RTX 4090", adapters[0].name.Const());
+    EXPECT_STREQ("no vendor in the id", adapters[1].name.Const());
+    EXPECT_EQ(0x10DEu, adapters[1].vendorId); // inherited, as from the display enumeration
+    EXPECT_EQ(0x1C03u, adapters[1].deviceId);
+    EXPECT_EQ(longName, adapters[2].name.Const());
+    EXPECT_EQ(0x73BFu, adapters[2].deviceId);
+}
+
+TEST_F(ProbeW32, AFailingDeviceRegistryLeavesTheAttachedAdapters) {
+    SetUpHybridLaptop();
+    gClassDevsFails = true;
+    EXPECT_EQ(1u, AllAdapters().size());
+    EXPECT_EQ(0, gDestroyed);
+
+    gClassDevsFails = false;
+    gPresent.push_back({"PCI\\VEN_1002&DEV_744C", "AMD Radeon RX 7900 XTX"});
+    gPropertyFailsAt = 2; // the two devices before it were read; they are dropped all the same
+    std::vector<vsGpuInfo> adapters = AllAdapters();
+    ASSERT_EQ(1u, adapters.size());
+    EXPECT_STREQ("Intel(R) Iris(R) Xe Graphics", adapters[0].name.Const());
+    EXPECT_EQ(1, gDestroyed);
+}
+
+namespace {
+
+std::string Describe(const vsQueryResult& result) {
+    std::string text = klpf("%s|%u %u %llu %u|", result.probeErrors.Const(), result.cpuMHz, result.cpuCount,
+                            static_cast<unsigned long long>(result.totalPhysBytes), result.bestIndex).Const();
+    for (const vsGpuInfo& gpu : result.adapters)
+        text += klpf("%s %x %x %u;", gpu.name.Const(), gpu.vendorId, gpu.deviceId, gpu.benchmark).Const();
+    return text;
+}
+
+} // namespace
+
+TEST_F(ProbeW32, CaptureThenReplayAnswersAsTheMachineDid) {
+    SetUpHybridLaptop();
+    gDevices.push_back({DISPLAY_DEVICE_ATTACHED_TO_DESKTOP, "PCI\\VEN_1002&DEV_744C", "100% odd\tname"});
+    gDevices.push_back({DISPLAY_DEVICE_ATTACHED_TO_DESKTOP, "PCI\\VEN_1002&DEV_73BF", ""});
+    gPresent.push_back({nullptr, "no hardware id"});
+    const struct {
+        LSTATUS open, query;
+        bool registryFails;
+    } kMachines[] = {{ERROR_SUCCESS, ERROR_SUCCESS, false},
+                     {ERROR_ACCESS_DENIED, ERROR_SUCCESS, true},
+                     {ERROR_SUCCESS, ERROR_FILE_NOT_FOUND, false}};
+    for (const auto& machine : kMachines) {
+        gOpenResult = machine.open;
+        gQueryResult = machine.query;
+        gClassDevsFails = machine.registryFails;
+        klString db = Path("db").c_str(), folder = Path(klpf("snapshot%d", int(&machine - kMachines)).Const()).c_str(),
+                 error;
+        std::string standard = Describe(oRigwarden::RunQuery(db)),
+                    all = Describe(oRigwarden::RunQuery(db, vsQueryAllAdapters));
+        oRigwardenSnapshot::BeginCapture();
+        ASSERT_TRUE(oRigwardenSnapshot::Write(folder, oRigwardenSnapshot::EndCapture(), "1.2.3", "{}\n", error))
+            << error.Const();
+        ASSERT_EQ(oRigwardenSnapshot::kUsable, oRigwardenSnapshot::Check(folder, "1.2.3", error)) << error.Const();
+        ASSERT_TRUE(oRigwardenSnapshot::StartReplay(folder, error)) << error.Const();
+        EXPECT_NE(FakeEnum, oRigwardenWin32Calls().enumDisplayDevicesA); // the fake machine is not asked again
+        EXPECT_EQ(standard, Describe(oRigwarden::RunQuery(db)));
+        EXPECT_EQ(all, Describe(oRigwarden::RunQuery(db, vsQueryAllAdapters)));
+        oRigwardenSnapshot::StopReplay();
+        EXPECT_EQ(FakeEnum, oRigwardenWin32Calls().enumDisplayDevicesA);
+    }
+    for (const char* damaged : {"rigwarden windows machine\nprocessors -1\nend\n",
+                                "rigwarden windows machine\ndisplay 1 PCI%4 name\nend\n",
+                                "rigwarden windows machine\nprocessors 4\n"}) {
+        Write("damaged/windows-machine.txt", damaged);
+        klString error;
+        EXPECT_FALSE(oRigwardenSnapshot::StartReplay(Path("damaged").c_str(), error)) << damaged;
+        EXPECT_STREQ("is damaged: windows-machine.txt cannot be read", error.Const());
+        EXPECT_EQ(FakeEnum, oRigwardenWin32Calls().enumDisplayDevicesA);
+    }
 }

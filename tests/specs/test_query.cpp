@@ -7,6 +7,10 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
 #include <string>
 #include <thread>
 
@@ -68,8 +72,12 @@ TEST(Query, CheckToolReportsJsonAndExitStatus) {
     DescribeMachine(machine);
     const std::string tool = RIGWARDEN_CHECK_PATH;
     int status = -1;
-    std::string json = RunCommand(tool + " --json --root " + machine.Root() + " --db " + machine.Root() + "/db", status);
+    std::string json = RunCommand(
+        tool + " --json --root " + machine.Root() + " --db " + machine.Root() + "/db", status);
     EXPECT_EQ(1, status); // one slow processor, too little memory
+    EXPECT_EQ(json, RunCommand(tool + " --all-adapters --json --root " + machine.Root() + " --db " +
+                                   machine.Root() + "/db",
+                               status)); // Linux lists every display device anyway
     for (const char* field :
          {"\"IsError\": false", "\"ErrorMessage\": \"\"", "\"IsUnderMinSpec\": true", "\"BestGpuIndex\": 1",
           "\"AdapterName\": \"Intel Corporation Raptor Lake-S GT1 [UHD Graphics 770]\"", "\"VendorId\": 4318",
@@ -121,4 +129,130 @@ TEST(Query, CheckToolWritesUtf8JsonWarnsAboutTheDatabaseAndRefusesBadRoots) {
                        root[1] == 'd' ? "holds neither proc/ nor sys/" : "does not exist").Const(),
                   message);
     }
+}
+
+namespace {
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+// Every file below folder, by its path there, with its bytes.
+std::map<std::string, std::string> Tree(const std::string& folder) {
+    std::map<std::string, std::string> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder))
+        if (entry.is_regular_file())
+            files[std::filesystem::relative(entry.path(), folder).string()] = ReadFile(entry.path().string());
+    return files;
+}
+
+} // namespace
+
+TEST(Query, CaptureThenReplayAnswersAsTheLiveRun) {
+    FakeMachine scratch("capture");
+    const std::string tool = RIGWARDEN_CHECK_PATH, db = " --db " + scratch.Root() + "/db";
+    scratch.Write("db/a.cfg", "8086, A780, 1, 1600, 300, D\n");
+    int live = -1, replayed = -1;
+    for (const char* mode : {"", " --json"}) { // this very machine
+        const std::string snapshot = scratch.Root() + "/live" + (*mode ? "-json" : "");
+        std::string report = RunCommand(tool + mode + db + " --capture " + snapshot, live);
+        EXPECT_EQ(report, RunCommand(tool + mode + db + " --root " + snapshot, replayed)) << mode;
+        EXPECT_EQ(live, replayed);
+        EXPECT_TRUE(live == 0 || live == 1 || live == 2) << live;
+    }
+
+    // A machine with more in its files than a snapshot may keep.
+    FakeMachine machine("capture-source");
+    DescribeMachine(machine);
+    machine.AddPci("0000:00:1f.3", 0x040300, 0x8086, 0x51c8); // audio
+    machine.SetCpu("processor\t: 0\nmodel name\t: CPU @ 2.10GHz\nflags\t\t: fpu sse2\nSerial\t\t: "
+                   "00000000deadbeef\n",
+                   "0\n");
+    machine.Write("proc/meminfo",
+                  "MemTotal:       1048576 kB\nMemFree:  1 kB\nHardwareCorrupted: 0 kB\n");
+    const std::string snapshot = scratch.Root() + "/fake",
+                      rooted = "RIGWARDEN_ROOT=" + machine.Root() + " ";
+    std::string report =
+        RunCommand(rooted + tool + " --json" + db + " --capture " + snapshot, live);
+    EXPECT_EQ(1, live);
+    EXPECT_EQ(report, RunCommand(tool + " --json" + db + " --root " + snapshot, replayed));
+    EXPECT_EQ(1, replayed);
+    std::map<std::string, std::string> files = Tree(snapshot);
+    std::string manifest = files["rigwarden.json"];
+    files.erase("rigwarden.json");
+    std::map<std::string, std::string> expected = {
+        {"proc/cpuinfo", "model name\t: CPU @ 2.10GHz\n"},
+        {"proc/meminfo", "MemTotal:       1048576 kB\n"},
+        {"sys/devices/system/cpu/online", "0\n"},
+        {"usr/share/misc/pci.ids",
+         "10de  NVIDIA Corporation\n\t28e0  AD107M [GeForce RTX 4060 Max-Q / Mobile]\n"
+         "8086  Intel Corporation\n\ta780  Raptor Lake-S GT1 [UHD Graphics 770]\n"}};
+    for (const char* device : {"0000:00:02.0", "0000:01:00.0"})
+        for (const char* attribute : {"class", "vendor", "device", "subsystem_vendor",
+                                      "subsystem_device", "revision", "boot_vga"}) {
+            std::string path = std::string("sys/bus/pci/devices/") + device + "/" + attribute;
+            expected[path] = ReadFile(machine.Root() + "/" + path);
+        }
+    EXPECT_EQ(expected, files);
+    std::string version = RunCommand(tool + " --version", live).substr(16);
+    version.pop_back();
+    EXPECT_NE(std::string::npos,
+              manifest.find("  \"Version\": \"" + version + "\",\n  \"Platform\": \"linux\",\n"));
+    EXPECT_TRUE(std::regex_search(
+        manifest,
+        std::regex("\n  \"Captured\": "
+                   "\"20[0-9][0-9]-[01][0-9]-[0-3][0-9]T[0-2][0-9]:[0-5][0-9]:[0-5][0-9]Z\",\n")));
+    EXPECT_NE(std::string::npos, manifest.find("\n  \"Answer\": {\n    \"IsError\": false,\n"))
+        << manifest;
+
+    // Snapshots from elsewhere, or damaged ones, are refused with the reason, never judged.
+    const struct {
+        const char* file;
+        std::string from, to;
+        std::string message;
+    } kDamages[] = {
+        {"rigwarden.json", version, "9.9.9",
+         "was captured by rigwarden-check 9.9.9; this is rigwarden-check " + version},
+        {"rigwarden.json", "\"linux\"", "\"windows\"",
+         "was captured on windows; this rigwarden-check reads linux snapshots"},
+        {"rigwarden.json", "    \"proc/cpuinfo", "    \"../proc/cpuinfo",
+         "is damaged: rigwarden.json is not as it was written"},
+        {"rigwarden.json", "{\n  \"Snapshot\"", "{\n  \"Snapshots\"",
+         "is damaged: rigwarden.json is no snapshot manifest"},
+        {"proc/meminfo", "1048576", "9048576",
+         "is damaged: proc/meminfo is not as it was captured"},
+        {"proc/cpuinfo", "", "", "is damaged: proc/cpuinfo is missing"},
+        {"sys/devices/system/cpu/cpu0/cpufreq/base_frequency", "", "4000000\n",
+         "is damaged: sys/devices/system/cpu/cpu0/cpufreq/base_frequency is no part of it"},
+    };
+    for (const auto& damage : kDamages) {
+        std::string copy = scratch.Root() + "/damaged";
+        std::filesystem::remove_all(copy);
+        std::filesystem::copy(snapshot, copy, std::filesystem::copy_options::recursive);
+        std::string path = copy + "/" + damage.file, text = ReadFile(path);
+        std::filesystem::remove(path);
+        if (!damage.to.empty()) {
+            size_t at = text.find(damage.from);
+            ASSERT_NE(std::string::npos, at) << damage.from;
+            std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+            std::ofstream(path, std::ios::binary)
+                << text.replace(at, damage.from.size(), damage.to);
+        }
+        std::string message = RunCommand(tool + " --root " + copy + db + " 2>&1", live);
+        EXPECT_EQ(65, live) << damage.message;
+        EXPECT_EQ("rigwarden-check: snapshot '" + copy + "' " + damage.message + "\n", message);
+    }
+
+    std::string refusal =
+        RunCommand(tool + " --capture " + snapshot + db + " 2>&1 >/dev/null", live);
+    EXPECT_EQ(73, live); // a folder that is not empty is never written into
+    EXPECT_EQ("rigwarden-check: cannot capture into '" + snapshot +
+                  "' is not an empty folder that can be written\n",
+              refusal);
+    EXPECT_EQ(64,
+              (RunCommand(tool + " --capture " + snapshot + "2 --root " + snapshot + " 2>/dev/null",
+                          live),
+               live));
+    EXPECT_FALSE(std::filesystem::exists(snapshot + "2"));
 }

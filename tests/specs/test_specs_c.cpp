@@ -43,7 +43,17 @@ TEST(SpecsC, AnswerOnACapturedMachine) {
     EXPECT_EQ(9800u, rtx.benchmark);
     EXPECT_EQ(0, rtx.mobile);
     EXPECT_EQ(1, info->gpu_info[1].not_listed);
-    EXPECT_NE(nullptr, std::strstr(info->gpu_info[1].not_listed_info, "(0x1002, 0x744C, Advanced Micro"));
+    EXPECT_NE(nullptr,
+              std::strstr(info->gpu_info[1].not_listed_info, "(0x1002, 0x744C, Advanced Micro"));
+
+    // Every display device is listed on Linux already, so the flag changes nothing.
+    rigwarden_spec_info* all =
+        rigwarden_get_spec_info_ex((machine.Root() + "/db").c_str(), RIGWARDEN_QUERY_ALL_ADAPTERS);
+    ASSERT_EQ(2u, all->gpu_count);
+    EXPECT_STREQ(rtx.adapter_name, all->gpu_info[0].adapter_name);
+    EXPECT_EQ(9800u, all->gpu_info[0].benchmark);
+    EXPECT_EQ(0x744Cu, all->gpu_info[1].device_id);
+    rigwarden_free_spec_info(all);
     rigwarden_free_spec_info(info);
 }
 
@@ -62,6 +72,7 @@ TEST(SpecsC, HostKeepsItsOwnAllocator) {
     EXPECT_EQ(nullptr, std::strstr(where.dli_fname, "rigwarden")) << where.dli_fname;
     EXPECT_EQ(nullptr, dlsym(library, "klAlloc"));
     EXPECT_NE(nullptr, dlsym(library, "rigwarden_get_spec_info"));
+    EXPECT_NE(nullptr, dlsym(library, "rigwarden_get_spec_info_ex"));
     dlclose(library);
 }
 #endif

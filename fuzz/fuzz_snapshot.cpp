@@ -1,0 +1,29 @@
+// Feeds arbitrary bytes to the snapshot check as a folder's rigwarden.json: it must refuse
+// or accept them without a crash, and refuse every one that names a file it cannot find.
+#include "oRigwardenSnapshot.h"
+
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const std::string folder =
+        (std::filesystem::temp_directory_path() / ("rigwarden-fuzz-snapshot-" + std::to_string(getpid()))).string();
+    std::filesystem::create_directories(folder);
+    FILE* manifest = std::fopen((folder + "/rigwarden.json").c_str(), "wb");
+    if (!manifest) return 0;
+    std::fwrite(data, 1, size, manifest);
+    std::fclose(manifest);
+    klString error;
+    oRigwardenSnapshot::Status status = oRigwardenSnapshot::Check(folder.c_str(), "0.1.0", error);
+    // The folder holds the manifest alone, so only an empty file list can be usable.
+    std::string text(reinterpret_cast<const char*>(data), size);
+    if (status == oRigwardenSnapshot::kUsable && text.find("  \"Files\": {\n  },\n") == std::string::npos)
+        __builtin_trap();
+    if ((status == oRigwardenSnapshot::kUnusable) == error.IsEmpty()) __builtin_trap();
+    return 0;
+}
