@@ -257,14 +257,15 @@ public:
         klAssert(mString != NULL);
     }
 
-    // Inserts rather than overwrites: the text after the position moves right.
+    // Inserts rather than overwrites: the text after the position moves right. Returns
+    // count and advances by count.
     uint32_t Write(const void* data, uint32_t count) override {
         if (!mString) return 0;
-        const uint32_t before = mString->Size();
         mString->Insert(mPosition, static_cast<const char*>(data), count);
-        const uint32_t written = mString->Size() - before; // 0 when the insert was refused
-        mPosition += written;
-        return written;
+        // Also when the insert was refused (position past the end, null data): callers
+        // count what they asked to write, as the string stream always has.
+        mPosition += count;
+        return count;
     }
     // Reading only looks: the position marks where the next write goes, and a read
     // must not move it.

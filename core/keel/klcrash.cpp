@@ -5,6 +5,8 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cwchar>
+#include <iterator>
 #include <exception>
 
 namespace {
@@ -54,6 +56,16 @@ void klDebugPrint(const char* format, ...) {
     va_end(args);
     kl::crash::DebuggerOutput(text);
     std::fputs(text, stdout);
+}
+
+void klDebugPrint(const wchar_t* format, ...) {
+    wchar_t text[2048];
+    va_list args;
+    va_start(args, format);
+    std::vswprintf(text, std::size(text), format, args);
+    va_end(args);
+    text[std::size(text) - 1] = 0; // glibc leaves a cut text unterminated
+    kl::crash::WideDebugPrint(text);
 }
 
 klString klLastErrorText() { return kl::crash::LastErrorText(); }

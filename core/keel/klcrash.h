@@ -39,6 +39,10 @@ const char* klWriteMiniDump(const char* name, const char* comment, void* excepti
 // Formats into a 2048-character buffer and writes the text to the debugger (Windows)
 // and to standard output.
 void klDebugPrint(const char* format, ...) KL_PRINTF_LIKE(1, 2);
+// The wide twin: formats into 2048 wide characters (cut to fit). Windows writes them to
+// the debugger (OutputDebugStringW) and to the wide standard output; Linux writes their
+// UTF-8 form to standard output (a value that is no character becomes U+FFFD).
+void klDebugPrint(const wchar_t* format, ...);
 
 // The system's text for the calling thread's last error (GetLastError / errno).
 klString klLastErrorText();
@@ -63,6 +67,8 @@ namespace kl::crash {
 // Installs (enable) or resets the platform's own handlers.
 void InstallPlatformHandlers(bool enable, klCrashFilter filter);
 void DebuggerOutput(const char* text);
+// The output of the wide klDebugPrint, once formatted.
+void WideDebugPrint(const wchar_t* text);
 const char* WriteMiniDump(const char* name, const char* comment, void* exceptionPointers);
 klString LastErrorText();
 

@@ -20,7 +20,8 @@ void ToNativeSeparators(char* path);
 bool OpenFileSize(FILE* file, uint64_t* size);
 
 // Moves an open file's position by a 64-bit offset from origin (0 start, 1 current,
-// 2 end). Returns 0 on success, as fseek does.
+// 2 end), handed to the C runtime unchanged: any other origin fails there and leaves the
+// position alone. Returns 0 on success, as fseek does.
 int SeekFile(FILE* file, int64_t offset, int origin);
 // Flushes file and cuts it to size bytes; false on failure.
 bool TruncateFile(FILE* file, uint64_t size);

@@ -13,6 +13,16 @@ void klSetLockTelemetry(const klLockTelemetry* table) {
     kl::detail::g_lockTelemetry.store(table, std::memory_order_release);
 }
 
+bool kl::detail::ReportLockMisuse(const char* expr, const char* file, int line, const char* message) {
+    if (!message) return kl::detail::AssertFailed(expr, file, line, nullptr);
+    klAssertHook(expr, file, line, message);
+    return false;
+}
+
+// The lock's own assertions, named after the platform half.
+#define klLockAssert(expr) (static_cast<bool>(expr) || kl::detail::LockMisuse(#expr, nullptr))
+#define klLockFatal(expr, msg) (static_cast<bool>(expr) || kl::detail::LockMisuse(#expr, (msg)))
+
 // One report to an attached profiler, naming this line of the lock code.
 #define KL_LOCK_REPORT(entry, ...)                                                                 \
     do {                                                                                           \
@@ -26,12 +36,12 @@ klMutex::klMutex(const char* name) {
 }
 
 klMutex::~klMutex() {
-    klAssert(_bSpin == 0);
+    klLockAssert(_bSpin == 0);
     KL_LOCK_REPORT(mSetState, "destroyed");
 }
 
 void klMutex::SetName(const char* name) {
-    if (!klAssert(name != nullptr)) name = "Unnamed";
+    if (!klLockAssert(name != nullptr)) name = "Unnamed";
     size_t length = strnlen(name, sizeof(mName) - 1);
     std::memcpy(mName, name, length);
     mName[length] = 0;
@@ -70,7 +80,7 @@ void klMutex::ReportReleased() {
 klCondition::klCondition() = default;
 
 klCondition::~klCondition() {
-    klAssert(_waiting == 0);
+    klLockAssert(_waiting == 0);
 }
 
 uint32_t klCondition::Waiting() {
@@ -79,10 +89,10 @@ uint32_t klCondition::Waiting() {
 }
 
 bool klCondition::Wait(uint32_t timeoutMs) {
-    if (!klFatalAssert(_mutex._bSpin != 0, "Condition should be locked before calling Wait"))
+    if (!klLockFatal(_mutex._bSpin != 0, "Condition should be locked before calling Wait"))
         return false;
     mInternal.Lock();
-    klAssert(_waiting < 0xffffffff);
+    klLockAssert(_waiting < 0xffffffff);
     ++_waiting;
     mInternal.Unlock();
 
@@ -90,7 +100,7 @@ bool klCondition::Wait(uint32_t timeoutMs) {
     bool woken = mEvents.WaitAny(timeoutMs);
 
     mInternal.Lock();
-    if (klAssert(_waiting > 0)) --_waiting;
+    if (klLockAssert(_waiting > 0)) --_waiting;
     bool last = _waiting == 0;
     mInternal.Unlock();
     // The last waiter to leave closes a broadcast; a thread that arrives before that
@@ -111,7 +121,7 @@ void klCondition::Broadcast() {
 }
 
 void klCondition::Notify(kl::detail::EventPair::Which event, const char* misuse) {
-    if (!klFatalAssert(_mutex._bSpin != 0, misuse)) return;
+    if (!klLockFatal(_mutex._bSpin != 0, misuse)) return;
     // Nobody waiting: the wake-up is dropped rather than left for a later Wait.
     if (Waiting() != 0) mEvents.Set(event);
 }

@@ -30,6 +30,12 @@ namespace kl::detail {
 // The attached profiler's table; null when none.
 extern std::atomic<const klLockTelemetry*> g_lockTelemetry;
 
+// Reports lock misuse (a plain assertion, or the fatal hook when message is given) as
+// raised in the platform half, where the system lock lives. Returns false. Each half
+// defines it by calling ReportLockMisuse with its own source position.
+bool LockMisuse(const char* expr, const char* message);
+bool ReportLockMisuse(const char* expr, const char* file, int line, const char* message);
+
 // A recursive operating-system lock held in place.
 class SystemLock {
 public:

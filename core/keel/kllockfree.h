@@ -167,6 +167,9 @@ private:
     uint32_t mCount;
 };
 
+// The node pool under its allocator's name, the one its leak report gives.
+using klSafeAllocT = klSafeQueue::NodePool;
+
 // ---------------------------------------------------------------------------------------
 // Reader/writer spin lock: any number of readers, or one writer. The writer may recurse
 // and takes read locks for free; a thread holding read locks may become the writer. A

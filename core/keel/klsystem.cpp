@@ -1,6 +1,7 @@
 #include "keel/klsystem.h"
 
 #include "keel/klassert.h"
+#include "keel/klcrash.h"
 #include "keel/klfilesystem.h"
 #include "keel/kllifetime.h"
 #include "keel/kllineparser.h"
@@ -18,12 +19,10 @@
 
 namespace {
 
-// The option list. A plain function-local static rather than a lifetime-managed
-// singleton: hosts parse their arguments before Initialize.
-using GlobalArgs = std::vector<klCommandOption>;
-GlobalArgs& g_args() {
-    static GlobalArgs args;
-    return args;
+// The option list while GlobalArgs lives; readers outside its life see this empty one.
+const std::vector<klCommandOption> kNoOptions;
+const std::vector<klCommandOption>& LiveArgs() {
+    return klSingleton<GlobalArgs>::IsLive() ? klSingleton<GlobalArgs>::Instance()->options : kNoOptions;
 }
 
 bool IsSeparator(char c) { return c == ' ' || c == ',' || c == '\t'; }
@@ -41,19 +40,19 @@ char* NextToken(char*& cursor) {
 bool IsOption(const char* token) { return token && token[0] == '-' && token[1] == '-'; }
 
 // Turns the tokens into entries. Holds one token of look-ahead for the value rule.
-void FillArgs(char* buffer) {
+void FillArgs(char* buffer, std::vector<klCommandOption>& args) {
     char* cursor = buffer;
     char* token = NextToken(cursor);
     while (token) {
         char* next = NextToken(cursor);
         if (!IsOption(token)) {
-            g_args().push_back({klString(), klString(token)});
+            args.push_back({klString(), klString(token)});
         } else if (token[2]) {
             char* name = token + 2;
             char* equals = std::strchr(name, '=');
             if (equals) *equals = 0;
             const char* value = equals ? equals + 1 : (!IsOption(next) ? next : nullptr);
-            g_args().push_back({klString(name), klString(value ? value : "")});
+            args.push_back({klString(name), klString(value ? value : "")});
             if (!equals && value) next = NextToken(cursor);
         }
         token = next;
@@ -69,10 +68,12 @@ bool gKillHandlerInstalled = false;
 
 void klParseCommandLine(const char* cmdline) {
     char buffer[2048];
-    if (!klAssert(g_args().size() == 0) || !cmdline) return;
+    GlobalArgs* live = klSingleton<GlobalArgs>::Instance(); // asserts outside its life
+    if (!live) return;
+    if (!klAssertAs(live->options.size() == 0, "g_args().size() == 0") || !cmdline) return;
     if (!klAssert(strlen(cmdline) < klARRSIZE(buffer))) return;
     std::memcpy(buffer, cmdline, strlen(cmdline) + 1);
-    FillArgs(buffer);
+    FillArgs(buffer, live->options);
 }
 
 void klParseCommandLine(int argc, char** argv) {
@@ -85,19 +86,27 @@ void klParseCommandLine(int argc, char** argv) {
 }
 
 const klCommandOption* klFindOption(const char* name) {
-    for (const klCommandOption& option : g_args())
+    for (const klCommandOption& option : LiveArgs())
         if (option.name == name) return &option;
     return nullptr;
 }
 
 void klOptionValues(const char* name, std::vector<klString>& values) {
-    for (const klCommandOption& option : g_args())
+    for (const klCommandOption& option : LiveArgs())
         if (option.name == name) values.push_back(option.value);
 }
 
-const std::vector<klCommandOption>& klCommandLineOptions() { return g_args(); }
+const std::vector<klCommandOption>& klCommandLineOptions() { return LiveArgs(); }
 
-void klClearCommandLine() { g_args().clear(); }
+void klClearCommandLine() {
+    if (klSingleton<GlobalArgs>::IsLive()) klSingleton<GlobalArgs>::Instance()->options.clear();
+}
+
+ProxyInfo::ProxyInfo() { kl::detail::ReadProxySettings(server, bypass); }
+
+// Nothing in the library asks for the proxy settings, so naming the holder here is what
+// registers it wherever this module is linked.
+[[maybe_unused]] static const void* const gProxyRegistration = &klSingleton<ProxyInfo>::sRegistration;
 
 const klString& klOperatingSystemDescription() {
     static const klString description = kl::detail::QueryOperatingSystemDescription();
@@ -259,6 +268,12 @@ void klSetShutdownRequestHandler(klShutdownRequestFn fn) { klAtomicStore(&gShutd
 bool klShutdownRequested() { return klAtomicLoad(&gShutdownRequested); }
 
 void klSetKillSignalGraceMs(uint32_t ms) { klAtomicStore(&gKillSignalGraceMs, ms); }
+
+void klSystemStartup() {
+    klInstallCrashHandlers(true, nullptr);
+    klInstallKillSignalHandler();
+    klObjectLifetimeManager::Initialize();
+}
 
 int klExitReport() {
     if (klObjectLifetimeManager::IsInitialized()) klObjectLifetimeManager::Shutdown();

@@ -9,9 +9,10 @@
 //   "x"                  a plain token nobody claimed: an entry with an empty name
 //   "--"                 skipped; it carries neither a name nor a value
 // So "--config,my.ini" gives config = my.ini, and "--a --b x" gives a = "" and b = x.
-// Names are compared exactly (case matters). The list is filled once at start-up, before
-// other threads read it; it works before klObjectLifetimeManager::Initialize, since hosts
-// parse their arguments first.
+// Names are compared exactly (case matters). The list is the singleton GlobalArgs, which
+// klObjectLifetimeManager::Initialize creates and Shutdown destroys: parse after
+// Initialize (before it the parse is refused as an assertion), and fill it once at
+// start-up, before other threads read it. Outside those two passes readers see no option.
 //
 // Kill signal. On Windows a console control handler; on Linux SIGINT, SIGTERM and SIGHUP,
 // whose handler only wakes a watcher thread (nothing else is safe inside a signal
@@ -36,6 +37,21 @@ struct klCommandOption {
     klString value; // may be empty
 };
 
+// The process-wide option list, in the order given.
+struct GlobalArgs {
+    std::vector<klCommandOption> options;
+};
+
+// The system's HTTP proxy settings, read once when klObjectLifetimeManager::Initialize
+// creates the singleton (klSingleton<ProxyInfo>::Instance()). Windows: the user's
+// Internet settings (ProxyServer and ProxyOverride, when ProxyEnable is set); Linux:
+// http_proxy and no_proxy, else HTTP_PROXY and NO_PROXY. Empty texts: none configured.
+struct ProxyInfo {
+    ProxyInfo();
+    klString server; // the proxy as configured ("host:port", or a URL)
+    klString bypass; // the hosts reached without it, as configured
+};
+
 // Parses cmdline into the process-wide option list. The text must be shorter than 2048
 // bytes, and the list must be empty (a second fill is refused); either failure is
 // reported as an assertion and nothing is parsed. A null text parses nothing.
@@ -46,7 +62,7 @@ void klParseCommandLine(int argc, char** argv);
 const klCommandOption* klFindOption(const char* name);
 // Appends every value given for name, in order.
 void klOptionValues(const char* name, std::vector<klString>& values);
-// The whole list, in order.
+// The whole list, in order (empty while GlobalArgs does not exist).
 const std::vector<klCommandOption>& klCommandLineOptions();
 // Empties the list so that it may be filled again (hosts that re-read their arguments,
 // and tests).
@@ -92,6 +108,12 @@ bool klShutdownRequested();
 // have a reason to shorten it.
 void klSetKillSignalGraceMs(uint32_t ms);
 
+// The start-up of a host program: installs the crash handlers (klInstallCrashHandlers
+// with enable and no filter) and the kill-signal handler, then runs
+// klObjectLifetimeManager::Initialize. A host that installs handlers of its own (or a
+// library loaded into someone else's process) calls Initialize alone instead.
+void klSystemStartup();
+
 // The process's exit: runs Shutdown when the lifetime manager was initialized, then
 // returns 0, or 5 after "Application exited with error condition (code 5)" on stderr when
 // klObjectLifetimeManager::RecordErrorCondition was called. For main's return.
@@ -104,4 +126,5 @@ void OnKillSignal();
 // Platform halves.
 klString QueryOperatingSystemDescription();
 void InstallKillSignalHandler();
+void ReadProxySettings(klString& server, klString& bypass);
 } // namespace kl::detail

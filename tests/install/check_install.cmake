@@ -1,12 +1,13 @@
-# Installs the build into a scratch prefix, then configures, builds and runs a consumer
-# that finds it with find_package(rigwarden).
+# Installs the build into a scratch prefix, then configures, builds and runs consumers
+# that find it with find_package(rigwarden) and find_package(keel).
 set(prefix ${WORK}/prefix)
 file(REMOVE_RECURSE ${WORK})
 foreach(step
         "${CMAKE_COMMAND};--install;${BUILD};--prefix;${prefix}"
-        "${CMAKE_COMMAND};-S;${SOURCE};-B;${WORK}/consumer;-DCMAKE_PREFIX_PATH=${prefix};-DCMAKE_C_COMPILER=${CC}"
+        "${CMAKE_COMMAND};-S;${SOURCE};-B;${WORK}/consumer;-DCMAKE_PREFIX_PATH=${prefix};-DCMAKE_C_COMPILER=${CC};-DCMAKE_CXX_COMPILER=${CXX}"
         "${CMAKE_COMMAND};--build;${WORK}/consumer"
-        "${WORK}/consumer/consumer")
+        "${WORK}/consumer/consumer"
+        "${WORK}/consumer/keel_consumer")
     execute_process(COMMAND ${step} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
     if(NOT rc EQUAL 0)
         message(FATAL_ERROR "${step} failed (${rc}):\n${out}\n${err}")

@@ -277,8 +277,10 @@ TEST(KlStringStream, WritesInsertAndReadsLeaveThePosition) {
 
     keeltest::CaptureAsserts capture;
     stream.Seek(klSeekCurrent, 5);
-    EXPECT_EQ(0u, stream.Read(out, 1) + stream.Write("Z", 1)); // past the end: refused, nothing moves
-    EXPECT_EQ(9u, stream.Tell());
+    EXPECT_EQ(0u, stream.Read(out, 1));
+    EXPECT_EQ(3u, stream.Write("Z", 3)); // past the end: the insert is refused, yet counted
+    EXPECT_EQ(12u, stream.Tell());
+    EXPECT_EQ(text, "aXYbc");
     klStringStream nothing(nullptr, 2);
     EXPECT_EQ(0u, nothing.Write("Z", 1) + nothing.Read(out, 1));
     EXPECT_EQ((Exprs{"index <= Size()", "mString != NULL"}), capture.Exprs());

@@ -129,6 +129,16 @@ TEST(Crash, MiniDumpDebugPrintAndLastError) {
     klDebugPrint("%s", std::string(3000, 'a').c_str()); // cut to the buffer
     EXPECT_EQ("x=5\n" + std::string(2047, 'a'), testing::internal::GetCapturedStdout());
 
+    testing::internal::CaptureStdout();
+    klDebugPrint(L"%ls=%d\n", L"w", 7);
+    klDebugPrint(L"%ls", std::wstring(3000, L'b').c_str());
+    std::string wide = "w=7\n" + std::string(2047, 'b');
+#ifndef _WIN32 // converted to UTF-8; no character for a lone surrogate or a value too large
+    klDebugPrint(L"%lc%lc%lc%lc", wchar_t(0xE9), wchar_t(0x1F600), wchar_t(0xD800), wchar_t(0x110000));
+    wide += "\xC3\xA9\xF0\x9F\x98\x80\xEF\xBF\xBD\xEF\xBF\xBD";
+#endif
+    EXPECT_EQ(wide, testing::internal::GetCapturedStdout());
+
     errno = ENOENT; // the Windows half reads GetLastError, which the C runtime sets too
     std::fopen("keel_crash_test_no_such_file", "rb");
     std::string notFound = klLastErrorText().Const();

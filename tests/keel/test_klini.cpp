@@ -33,6 +33,9 @@ std::string Value(klIni& ini, const char* section, const char* key) {
 
 class KlIniFiles : public keeltest::TempFolderTest {
 protected:
+    // The command line, and the console that [cvars] sets, live from Initialize on.
+    static void SetUpTestSuite() { klObjectLifetimeManager::Initialize(); }
+    static void TearDownTestSuite() { klObjectLifetimeManager::Shutdown(); }
     void TearDown() override {
         klClearCommandLine();
         TempFolderTest::TearDown();
@@ -244,7 +247,6 @@ TEST_F(KlIniFiles, LoadOptionsOverridesDumpAndCvars) {
     const fs::path startFolder = fs::current_path();
     klVarRef width("r_width");
     klVarRef name("r_name");
-    klObjectLifetimeManager::Initialize();
     {
         klIni ini;
         CaptureLog log;
@@ -282,6 +284,5 @@ TEST_F(KlIniFiles, LoadOptionsOverridesDumpAndCvars) {
         EXPECT_FALSE(ini.Load("game.ini"));
         EXPECT_EQ("Could not parse command line overrides.", log.Lines().back());
     }
-    klObjectLifetimeManager::Shutdown();
     fs::current_path(startFolder);
 }

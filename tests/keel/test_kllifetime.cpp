@@ -4,6 +4,7 @@
 #include "keel_test.h"
 
 #include "keel/kllifetime.h"
+#include "keel/klsystem.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -37,10 +38,14 @@ struct User {
     User() { Note("+User"); }
     ~User() { Note("-User"); }
 };
+// The system's own singletons are there for their users too, and outlive them.
+bool SystemLive() { return klSingleton<GlobalArgs>::IsLive() && klSingleton<ProxyInfo>::IsLive(); }
 struct Top {
     klUsesSingleton<User> mUser;
-    Top() { Note("+Top"); }
-    ~Top() { Note("-Top"); }
+    klUsesSingleton<GlobalArgs> mArgs;
+    klUsesSingleton<ProxyInfo> mProxy;
+    Top() { Note(SystemLive() ? "+Top(args,proxy)" : "+Top"); }
+    ~Top() { Note(SystemLive() ? "-Top(args,proxy)" : "-Top"); }
 };
 struct SelfUser {
     SelfUser() {
@@ -61,14 +66,17 @@ TEST(LifetimeDeathTest, DependenciesComeFirstAndGoLast) {
     EXPECT_EXIT(
         {
             klAssertReportHook = PrintReport;
+            Note(klSingleton<GlobalArgs>::IsLive() || klSingleton<ProxyInfo>::IsLive() ? "early" : "none");
             klObjectLifetimeManager::Initialize();
             Note(klSingleton<Top>::Instance() && klSingleton<Base>::Instance() ? "live" : "missing");
             klObjectLifetimeManager::Shutdown();
             Note(klSingleton<Base>::sInstance.Instance() ? "kept" : "gone");
+            Note(klSingleton<GlobalArgs>::IsLive() || klSingleton<ProxyInfo>::IsLive() ? "kept" : "gone");
             Finish();
         },
         testing::ExitedWithCode(0),
-        (HasAll({{"log: +Base +User +Top live -Top -User -Base ", 1}, {"report(", 1},
+        (HasAll({{"log: none +Base +User +Top(args,proxy) live -Top(args,proxy) -User -Base gone gone ", 1},
+                 {"report(", 1},
                 {"report(sInstance.mPointer != 0)", 1}})));
 }
 

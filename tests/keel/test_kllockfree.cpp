@@ -187,7 +187,7 @@ TEST(SpinCounter, TakesOnlyWhilePositiveAndGivesUpAfterTheTimeout) {
 
 // Units carry a known pattern behind their first word, so each report line is known here.
 TEST(LockFree, LeakReportListsTwentyFiveUnitsNeverGivenBack) {
-    Pool pool(32, 16, 8);
+    klSafeAllocT pool(32, 16, 8);
     std::vector<unsigned char*> units;
     for (int i = 0; i < 40; ++i) {
         units.push_back(static_cast<unsigned char*>(pool.Alloc()));

@@ -1,5 +1,6 @@
 #include "keel_test.h"
 
+#include "keel/klcrash.h"
 #include "keel/kllifetime.h"
 #include "keel/kllog.h"
 #include "keel/klsystem.h"
@@ -21,6 +22,8 @@ namespace {
 
 class CommandLine : public testing::Test {
 protected:
+    static void SetUpTestSuite() { klObjectLifetimeManager::Initialize(); }
+    static void TearDownTestSuite() { klObjectLifetimeManager::Shutdown(); }
     void SetUp() override { klClearCommandLine(); }
     void TearDown() override { klClearCommandLine(); }
     // The list as "name=value" entries, one space apart.
@@ -143,6 +146,59 @@ TEST_F(OperatingSystem, WindowsVersionsAndEditions) {
         EXPECT_EQ(std::string("Microsoft Windows 7 ") + edition + " build 1234, 32-bit",
                   std::string(klDescribeWindows(Nt(6, 1, ws, 0, 0, product))));
     }
+}
+
+// The option list and the proxy settings exist from Initialize to Shutdown.
+TEST(SystemSingletonsDeathTest, LiveFromInitializeToShutdown) {
+    EXPECT_EXIT(
+        {
+            keeltest::CaptureAsserts capture;
+#ifndef _WIN32
+            setenv("http_proxy", "", 1); // empty: the upper-case name answers
+            setenv("HTTP_PROXY", "proxy.example:3128", 1);
+            setenv("no_proxy", "localhost,.lan", 1);
+#endif
+            klParseCommandLine("--early"); // refused: no list yet
+            klObjectLifetimeManager::Initialize();
+            klParseCommandLine("--late 1");
+            const ProxyInfo* proxy = klSingleton<ProxyInfo>::Instance();
+            std::fprintf(stderr, "early %d late %s proxy [%s] bypass [%s]\n", klFindOption("early") != nullptr,
+                         klFindOption("late")->value.Const(), proxy->server.Const(), proxy->bypass.Const());
+            klObjectLifetimeManager::Shutdown();
+            klParseCommandLine("--gone");
+            std::fprintf(stderr, "after: %zu options, reports:", klCommandLineOptions().size());
+            for (const std::string& expr : capture.Exprs()) std::fprintf(stderr, " %s;", expr.c_str());
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0),
+        HasAll({{"early 0 late 1 proxy [", 1},
+#ifndef _WIN32
+                {"proxy [proxy.example:3128] bypass [localhost,.lan]\n", 1},
+#endif
+                {"after: 0 options, reports: sInstance.mPointer != 0; sInstance.mPointer != 0;", 1}}));
+}
+
+// Initialize alone leaves the handlers to the host; the start-up installs them.
+TEST(SystemStartupDeathTest, InstallsTheCrashAndKillSignalHandlers) {
+    auto start = [](bool whole) {
+        whole ? klSystemStartup() : klObjectLifetimeManager::Initialize();
+        std::fprintf(stderr, "handlers %d, args %d\n", int(klCrashHandlersInstalled()),
+                     int(klSingleton<GlobalArgs>::IsLive()));
+    };
+    EXPECT_EXIT((start(false), std::exit(0)), testing::ExitedWithCode(0), Has("handlers 0, args 1\n", 1));
+    EXPECT_EXIT((start(true), std::abort()), testing::ExitedWithCode(123),
+                HasAll({{"handlers 1, args 1\n", 1}, {"SIGABRT - signo", 1}}));
+#ifndef _WIN32
+    auto killed = [&] {
+        dup2(2, 1);
+        klSetKillSignalGraceMs(10);
+        start(true);
+        raise(SIGTERM);
+        klSleep(10000);
+        std::exit(1);
+    };
+    EXPECT_EXIT(killed(), testing::KilledBySignal(SIGTERM), Has("Caught kill signal. Shutting down...\n", 1));
+#endif
 }
 
 int gShutdownCalls = 0;

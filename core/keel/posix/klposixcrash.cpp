@@ -2,6 +2,8 @@
 // dump library.
 #include "keel/klcrash.h"
 
+#include "keel/kltext.h"
+
 #include <signal.h>
 #include <sys/mman.h>
 
@@ -100,6 +102,19 @@ void InstallPlatformHandlers(bool enable, klCrashFilter filter) {
 }
 
 void DebuggerOutput(const char*) {} // no debugger channel beside stdout
+
+void WideDebugPrint(const wchar_t* text) {
+    char utf8[2048 * 4]; // 2047 characters of at most 4 bytes each, and the terminator
+    uint32_t used = 0;
+    for (; *text; ++text) {
+        const uint32_t value = static_cast<uint32_t>(*text);
+        const bool surrogate = value >= 0xD800 && value <= 0xDFFF;
+        const uint32_t length = surrogate ? 0 : klTextBuffer::EncodeChar(value, utf8 + used);
+        used += length ? length : klTextBuffer::EncodeChar(0xFFFD, utf8 + used);
+    }
+    utf8[used] = 0;
+    std::fputs(utf8, stdout);
+}
 
 const char* WriteMiniDump(const char*, const char*, void*) { return nullptr; }
 

@@ -46,8 +46,8 @@ bool IsNonRegularFile(const char* path) {
 }
 
 int SeekFile(FILE* file, int64_t offset, int origin) {
-    const int whence = origin == 0 ? SEEK_SET : origin == 1 ? SEEK_CUR : SEEK_END;
-    return fseeko(file, static_cast<off_t>(offset), whence);
+    static_assert(SEEK_SET == 0 && SEEK_CUR == 1 && SEEK_END == 2);
+    return fseeko(file, static_cast<off_t>(offset), origin);
 }
 
 bool TruncateFile(FILE* file, uint64_t size) {

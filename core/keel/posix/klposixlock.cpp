@@ -38,6 +38,10 @@ timespec DeadlineAfter(uint32_t timeoutMs) {
 
 } // namespace
 
+bool LockMisuse(const char* expr, const char* message) {
+    return ReportLockMisuse(expr, __FILE__, __LINE__, message);
+}
+
 SystemLock::SystemLock() {
     static_assert(sizeof(pthread_mutex_t) <= sizeof(mStorage) && alignof(pthread_mutex_t) <= 8);
     pthread_mutexattr_t attributes;

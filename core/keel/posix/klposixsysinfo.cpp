@@ -9,6 +9,8 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <cstdlib>
+
 klString kl::detail::QueryOperatingSystemDescription() {
     utsname name;
     const char* release = uname(&name) == 0 ? name.release : "";
@@ -62,4 +64,19 @@ void kl::detail::InstallKillSignalHandler() {
     action.sa_handler = SignalToPipe;
     action.sa_flags = SA_RESTART;
     for (int signo : kKillSignals) sigaction(signo, &action, nullptr);
+}
+
+namespace {
+
+// The first of two environment variables that is set and not empty; null when neither is.
+const char* EitherVariable(const char* name, const char* other) {
+    const char* value = std::getenv(name);
+    return value && *value ? value : std::getenv(other);
+}
+
+} // namespace
+
+void kl::detail::ReadProxySettings(klString& server, klString& bypass) {
+    server = EitherVariable("http_proxy", "HTTP_PROXY");
+    bypass = EitherVariable("no_proxy", "NO_PROXY");
 }

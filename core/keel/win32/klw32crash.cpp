@@ -125,6 +125,11 @@ void InstallPlatformHandlers(bool enable, klCrashFilter filter) {
 
 void DebuggerOutput(const char* text) { OutputDebugStringA(text); }
 
+void WideDebugPrint(const wchar_t* text) {
+    OutputDebugStringW(text);
+    fputws(text, stdout);
+}
+
 const char* WriteMiniDump(const char* name, const char* comment, void* exceptionPointers) {
     klDLL library("dbghelp_korv.dll");
     auto write = reinterpret_cast<MiniDumpWriteDumpFn>(library.Symbol("MiniDumpWriteDump"));

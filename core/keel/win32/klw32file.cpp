@@ -38,8 +38,8 @@ bool OpenFileSize(FILE* file, uint64_t* size) {
 }
 
 int SeekFile(FILE* file, int64_t offset, int origin) {
-    const int whence = origin == 0 ? SEEK_SET : origin == 1 ? SEEK_CUR : SEEK_END;
-    return _fseeki64(file, offset, whence);
+    static_assert(SEEK_SET == 0 && SEEK_CUR == 1 && SEEK_END == 2);
+    return _fseeki64(file, offset, origin);
 }
 
 bool TruncateFile(FILE* file, uint64_t size) {

@@ -26,6 +26,10 @@ HANDLE* Handles(unsigned char* storage) {
 
 } // namespace
 
+bool LockMisuse(const char* expr, const char* message) {
+    return ReportLockMisuse(expr, __FILE__, __LINE__, message);
+}
+
 SystemLock::SystemLock() {
     static_assert(sizeof(CRITICAL_SECTION) <= sizeof(mStorage) && alignof(CRITICAL_SECTION) <= 8);
     InitializeCriticalSection(new (mStorage) CRITICAL_SECTION);

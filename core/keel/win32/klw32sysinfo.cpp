@@ -52,3 +52,34 @@ BOOL WINAPI klW32KillSignalHandler(DWORD event) {
 }
 
 void kl::detail::InstallKillSignalHandler() { SetConsoleCtrlHandler(klW32KillSignalHandler, TRUE); }
+
+namespace {
+
+// A text value of an open registry key; empty when it is missing or no text.
+klString RegistryText(HKEY key, const char* name) {
+    char text[2048];
+    DWORD type = 0, size = sizeof(text) - 1;
+    if (RegQueryValueExA(key, name, nullptr, &type, reinterpret_cast<BYTE*>(text), &size) != ERROR_SUCCESS ||
+        type != REG_SZ)
+        return klString();
+    text[size] = 0;
+    return klString(text);
+}
+
+} // namespace
+
+// Read from the registry rather than through WinHTTP: this runs inside Initialize, which a
+// library calls from its load hook, where loading another library is not safe.
+void kl::detail::ReadProxySettings(klString& server, klString& bypass) {
+    HKEY key;
+    if (RegOpenKeyExA(HKEY_CURRENT_USER, "Software\\Microsoft\\Windows\\CurrentVersion\\Internet Settings", 0,
+                      KEY_QUERY_VALUE, &key) != ERROR_SUCCESS)
+        return;
+    DWORD enabled = 0, size = sizeof(enabled);
+    if (RegQueryValueExA(key, "ProxyEnable", nullptr, nullptr, reinterpret_cast<BYTE*>(&enabled), &size) ==
+            ERROR_SUCCESS && enabled) {
+        server = RegistryText(key, "ProxyServer");
+        bypass = RegistryText(key, "ProxyOverride");
+    }
+    RegCloseKey(key);
+}

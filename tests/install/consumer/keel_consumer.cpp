@@ -1,0 +1,18 @@
+// Built against the installed keel: an assertion in keel's header code names the header
+// core/keel/<file>, as in keel's own build, and not by the folder it was installed to.
+#include <keel/klbuffer.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+const char* gFile = "(no report)";
+void Keep(const char*, const char* file, int, const char*) { gFile = file; }
+} // namespace
+
+int main() {
+    klAssertReportHook = Keep;
+    klBufferStream stream(nullptr, 0); // its constructor asserts "data != NULL"
+    std::printf("assertion file: %s\n", gFile);
+    return std::strcmp(gFile, "core/keel/klbuffer.h") == 0 ? 0 : 1;
+}
