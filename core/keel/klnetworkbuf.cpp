@@ -102,6 +102,8 @@ bool klNetworkBuf::IsIdle() {
 }
 
 void klNetworkBuf::SetDeadline(uint32_t startMs, uint32_t budgetMs) {
+    if (budgetMs == 0 && mDeadlineBudget != 0 && mSocket != kl::net::kInvalidSocket)
+        kl::net::SetSendLimit(mSocket, 0);
     mDeadlineStart = startMs;
     mDeadlineBudget = budgetMs;
 }
@@ -121,6 +123,13 @@ klNetworkBuf::int_type klNetworkBuf::overflow(int_type c) {
     size_t count = size_t(pptr() - pbase());
     if (!eof) pbase()[count++] = traits_type::to_char_type(c); // the spare byte
     const char* next = pbase();
+    // A peer that stops reading must not hold a send past the deadline either.
+    const uint32_t left = RemainingMs();
+    if (left == 0) {
+        mConnected = false;
+        return traits_type::eof();
+    }
+    if (mDeadlineBudget) kl::net::SetSendLimit(mSocket, left);
     while (count > 0) {
         klAssert(count <= (size_t)S32_MAX);
         const int32_t sent = kl::net::Send(mSocket, next, int32_t(count));

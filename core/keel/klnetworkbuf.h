@@ -39,6 +39,8 @@ int32_t Recv(Socket s, char* data, int32_t count);
 int WaitReadable(Socket s, uint32_t ms);
 // Writable right now and showing no error.
 bool IsWritable(Socket s);
+// Makes each later send give up after ms (0: wait as long as it takes).
+void SetSendLimit(Socket s, uint32_t ms);
 // Shuts both directions down and closes.
 void ShutdownAndClose(Socket s);
 
@@ -68,7 +70,7 @@ public:
     // Connected, with no received byte left unread and nothing (data or the peer's close)
     // waiting on the socket: only such a connection may carry another request.
     bool IsIdle();
-    // Connects and reads give up once budgetMs have passed since startMs
+    // Connects, sends and reads give up once budgetMs have passed since startMs
     // (kl::platform::Milliseconds); budgetMs 0 lifts the limit. Each read still waits
     // kReceiveLimitMs at most.
     void SetDeadline(uint32_t startMs, uint32_t budgetMs);

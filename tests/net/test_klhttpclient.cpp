@@ -201,6 +201,22 @@ TEST(klHTTPClient, AHangingConnectEndsAtTheTimeLimit) {
 }
 #endif
 
+// A server that takes the connection but never reads: the upload ends at the time limit.
+TEST(klHTTPClient, AnUploadNobodyReadsEndsAtTheTimeLimit) {
+    int port = 0;
+    const int32_t listener = keelnet::ListenLoopback(&port);
+    ASSERT_GE(listener, 0);
+    StringStream body(std::string(64 << 20, 'x')), out;
+    klHTTPClient client;
+    client.SetTimeLimit(1000);
+    ASSERT_TRUE(client.SetURL(("127.0.0.1:" + std::to_string(port) + "/up").c_str()));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(client.Request("PUT", &body, &out), 400);
+    EXPECT_EQ(client.Failure(), klHTTPFailure::TimeLimit);
+    EXPECT_LT(SecondsSince(start), 2.5);
+    keelnet::CloseSocket(listener);
+}
+
 class klHTTPClientNginx : public testing::Test {
 protected:
     void SetUp() override {

@@ -94,6 +94,11 @@ int WaitReadable(Socket s, uint32_t ms) {
     return (p.revents & (POLLIN | POLLHUP)) ? 1 : -1;
 }
 
+void SetSendLimit(Socket s, uint32_t ms) {
+    timeval limit{time_t(ms / 1000), suseconds_t(ms % 1000) * 1000};
+    setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+}
+
 bool IsWritable(Socket s) {
     pollfd p{s, POLLOUT, 0};
     return poll(&p, 1, 0) == 1 && (p.revents & POLLOUT) && !(p.revents & (POLLERR | POLLHUP | POLLNVAL));
