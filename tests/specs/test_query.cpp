@@ -70,7 +70,7 @@ TEST(Query, ConcurrentQueriesGiveIdenticalAnswers) {
 TEST(Query, CheckToolReportsJsonAndExitStatus) {
     FakeMachine machine("tool");
     DescribeMachine(machine);
-    const std::string tool = RIGWARDEN_CHECK_PATH;
+    const std::string tool = RIGWARDEN_CHECK_COMMAND;
     int status = -1;
     std::string json = RunCommand(
         tool + " --json --root " + machine.Root() + " --db " + machine.Root() + "/db", status);
@@ -102,7 +102,7 @@ TEST(Query, CheckToolWritesUtf8JsonWarnsAboutTheDatabaseAndRefusesBadRoots) {
     DescribeMachine(machine);
     // A Latin-1 byte, a well-formed "\u00e9" and an encoded surrogate in one adapter's name.
     machine.Write("usr/share/misc/pci.ids", "8086  Intel Corpor\xe9tion\n\ta780  UHD \xc3\xa9 \xed\xa0\x80 770\n");
-    const std::string tool = std::string(RIGWARDEN_CHECK_PATH) + " --root " + machine.Root();
+    const std::string tool = std::string(RIGWARDEN_CHECK_COMMAND) + " --root " + machine.Root();
     int status = -1;
     std::string json = RunCommand(tool + " --json --db " + machine.Root() + "/db", status);
     EXPECT_EQ(1, status);
@@ -121,7 +121,7 @@ TEST(Query, CheckToolWritesUtf8JsonWarnsAboutTheDatabaseAndRefusesBadRoots) {
                   warning);
     }
     for (const char* root : {"/db", "/none"}) {
-        std::string message = RunCommand(std::string(RIGWARDEN_CHECK_PATH) + " --root " + machine.Root() + root +
+        std::string message = RunCommand(std::string(RIGWARDEN_CHECK_COMMAND) + " --root " + machine.Root() + root +
                                               " 2>&1 >/dev/null",
                                           status);
         EXPECT_EQ(64, status);

@@ -1,13 +1,24 @@
 // The C interface, through the shared library as a launcher loads it. This program does
 // not link keel itself: the library must keep its allocator and everything else inside.
 #include "Specs.h"
+#include "specs_layout.h"
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <new>
+
+// The records' layout at this build's pointer size, checked by the compiler: the 32-bit
+// builds (Windows i686, Linux i386) check the first column, the others the second.
+static_assert(sizeof(void*) == 4 || sizeof(void*) == 8, "a pointer size the layout table knows");
+#define RIGWARDEN_CHECK_FIELD(record, field, at32, at64) \
+    static_assert(offsetof(record, field) == (sizeof(void*) == 4 ? (at32) : (at64)), #record "." #field);
+#define RIGWARDEN_CHECK_SIZE(record, size32, size64) \
+    static_assert(sizeof(record) == (sizeof(void*) == 4 ? (size32) : (size64)), "sizeof " #record);
+RIGWARDEN_SPECS_LAYOUT(RIGWARDEN_CHECK_FIELD, RIGWARDEN_CHECK_SIZE)
 
 #if !defined(_WIN32)
 #include "fake_machine.h"
@@ -67,7 +78,7 @@ TEST(SpecsC, HostKeepsItsOwnAllocator) {
     ASSERT_NE(nullptr, library);
     // A lookup through the library's handle also searches its dependencies (the C++
     // runtime), so what matters is where the operator new it finds lives.
-    void* newSeenByLibrary = dlsym(library, "_Znwm");
+    void* newSeenByLibrary = dlsym(library, sizeof(size_t) == 4 ? "_Znwj" : "_Znwm");
     ASSERT_NE(0, dladdr(newSeenByLibrary, &where));
     EXPECT_EQ(nullptr, std::strstr(where.dli_fname, "rigwarden")) << where.dli_fname;
     EXPECT_EQ(nullptr, dlsym(library, "klAlloc"));

@@ -8,6 +8,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -97,9 +98,8 @@ struct klThreadEntry {
 bool klThread::Launch() {
     pthread_attr_t attr;
     pthread_attr_init(&attr);
-    if (mStackSize != 0)
-        pthread_attr_setstacksize(&attr,
-                                  mStackSize > PTHREAD_STACK_MIN ? mStackSize : PTHREAD_STACK_MIN);
+    // PTHREAD_STACK_MIN is a long, so both sides are compared as size_t.
+    if (mStackSize != 0) pthread_attr_setstacksize(&attr, std::max<size_t>(mStackSize, PTHREAD_STACK_MIN));
     klAtomicStore(&mThreadId, 0u);
     pthread_t thread;
     int rc = pthread_create(&thread, &attr, &klThreadEntry::Start, this);

@@ -1,0 +1,261 @@
+// The managed classes on a real runtime, against captured machines written to a scratch
+// folder that RIGWARDEN_ROOT points the native probes at. Each case throws on its first
+// failed check; Mono's runner (SpecsTests.cs) and the xunit project on .NET both run them.
+using System;
+using System.Collections.Generic;
+using System.IO;
+using System.Linq;
+using System.Reflection;
+using System.Runtime.InteropServices;
+using System.Text.RegularExpressions;
+using System.Threading;
+using Rigwarden;
+
+public static class SpecsCases
+{
+    static void Expect(bool condition, string what)
+    {
+        if (!condition) throw new Exception("FAILED: " + what);
+    }
+
+    [DllImport("libc")]
+    static extern int setenv(string name, string value, int overwrite);
+
+    // Every machine folder of this process; the process id keeps the Mono and the .NET runs
+    // apart when ctest runs them side by side.
+    static readonly string Machines = Path.Combine(Path.GetTempPath(),
+        "rigwarden-managed-" + System.Diagnostics.Process.GetCurrentProcess().Id);
+
+    public static void RemoveMachines()
+    {
+        if (Directory.Exists(Machines)) Directory.Delete(Machines, true);
+    }
+
+    // A machine folder: the files the Linux probes read, and a database folder "db".
+    static string MakeMachine(string name, bool withGpus)
+    {
+        string root = Path.Combine(Machines, name);
+        if (Directory.Exists(root)) Directory.Delete(root, true);
+        Write(root, "proc/meminfo", "MemTotal:       16777216 kB\n");
+        Write(root, "proc/cpuinfo", withGpus ? "model name\t: CPU @ 3.40GHz\n" : "");
+        Write(root, "sys/devices/system/cpu/online", "0-7\n");
+        Write(root, "usr/share/misc/pci.ids", "10de  NVIDIA Corporation\n\t2684  AD102 [GeForce RTX 4090]\n" +
+                                               "8086  Intel Corporation\n\ta780  UHD Graphics 770\n");
+        if (withGpus)
+        {
+            Pci(root, "0000:00:02.0", "0x030000", "0x8086", "0xa780", true);
+            Pci(root, "0000:01:00.0", "0x030000", "0x10de", "0x2684", false);
+        }
+        Write(root, "db/gpus.cfg", "; test database\n10DE, 2684, 4, 3840, 9800, D ; RTX 4090\n");
+        setenv("RIGWARDEN_ROOT", root, 1);
+        return root;
+    }
+
+    static void Pci(string root, string address, string cls, string vendor, string device, bool boot)
+    {
+        string folder = "sys/bus/pci/devices/" + address + "/";
+        Write(root, folder + "class", cls + "\n");
+        Write(root, folder + "vendor", vendor + "\n");
+        Write(root, folder + "device", device + "\n");
+        Write(root, folder + "subsystem_vendor", "0x1043\n");
+        Write(root, folder + "subsystem_device", "0x8a2c\n");
+        Write(root, folder + "revision", "0xa1\n");
+        Write(root, folder + "boot_vga", boot ? "1\n" : "0\n");
+    }
+
+    static void Write(string root, string relative, string text)
+    {
+        string path = Path.Combine(root, relative);
+        Directory.CreateDirectory(Path.GetDirectoryName(path));
+        File.WriteAllText(path, text);
+    }
+
+    public static void Defaults()
+    {
+        var gpu = new GpuInfo("name", 1, 2);
+        Expect(gpu.AdapterName == "name" && gpu.VendorId == 1 && gpu.DeviceId == 2, "GpuInfo keeps its arguments");
+        Expect(gpu.NotListed && gpu.NotListedInfo == null && gpu.RecommendedVideoQuality == 0 &&
+               gpu.RecommendedWidth == 0 && gpu.Benchmark == 0 && !gpu.Mobile, "GpuInfo defaults");
+        var info = new SpecInfo();
+        Expect(!info.IsError && info.ErrorMessage == null && !info.IsUnderMinSpec && info.UnderMinSpecReason == null &&
+               info.GpuInfo == null && info.BestGpuIndex == 0, "SpecInfo defaults");
+        Expect(new Specs() != null, "Specs can be made");
+        string[] order = { "AdapterName", "VendorId", "DeviceId", "NotListed", "NotListedInfo",
+                           "RecommendedVideoQuality", "RecommendedWidth", "Benchmark", "Mobile" };
+        Expect(typeof(GpuInfo).GetFields().Select(f => f.Name).SequenceEqual(order), "GpuInfo fields in the launcher's order");
+    }
+
+    public static void KnownMachine()
+    {
+        string root = MakeMachine("known", true);
+        SpecInfo info = Specs.GetSpecInfo(Path.Combine(root, "db"));
+        Expect(!info.IsError && info.ErrorMessage == "", "no probe error");
+        Expect(info.GpuInfo.Length == 2, "two adapters");
+        GpuInfo intel = info.GpuInfo[0], nvidia = info.GpuInfo[1];
+        Expect(intel.AdapterName == "Intel Corporation UHD Graphics 770" && intel.VendorId == 0x8086 &&
+               intel.DeviceId == 0xA780, "the boot display comes first");
+        Expect(intel.NotListed && intel.NotListedInfo.StartsWith("Could not find graphics adapter (0x8086, 0xA780, Intel"),
+               "unlisted adapter explained");
+        Expect(!nvidia.NotListed && nvidia.NotListedInfo == "" && nvidia.RecommendedVideoQuality == 4 &&
+               nvidia.RecommendedWidth == 3840 && nvidia.Benchmark == 9800 && !nvidia.Mobile, "database values");
+        Expect(info.BestGpuIndex == 1, "the faster card is best");
+        Expect(!info.IsUnderMinSpec && info.UnderMinSpecReason == "", "meets the minimum: " + info.UnderMinSpecReason);
+
+        // Linux lists every display device already: asking for all of them changes nothing.
+        SpecInfo all = Specs.GetSpecInfo(Path.Combine(root, "db"), SpecQuery.AllAdapters);
+        Expect(all.GpuInfo.Length == 2 && all.GpuInfo[0].AdapterName == intel.AdapterName &&
+               all.GpuInfo[1].Benchmark == 9800 && all.BestGpuIndex == 1, "all adapters: the same answer");
+        Expect((uint)SpecQuery.AllAdapters == 1 && (uint)SpecQuery.Default == 0, "query values are the C flags");
+    }
+
+    public static void EmptyMachine()
+    {
+        string root = MakeMachine("empty", false);
+        SpecInfo info = Specs.GetSpecInfo(Path.Combine(root, "db"));
+        Expect(info.GpuInfo != null && info.GpuInfo.Length == 0 && info.BestGpuIndex == 0, "empty adapter array");
+        Expect(info.IsError && info.ErrorMessage == "Failed to detect CPU core speed from the system registry.\n",
+               "processor failure reported: " + info.ErrorMessage);
+        Expect(info.IsUnderMinSpec && info.UnderMinSpecReason.Contains(
+                   "No graphics adapter detected in your system. This game requires accelerated 3D graphics to function correctly.\n"),
+               "missing adapter reason");
+    }
+
+    public static void NoDatabase()
+    {
+        MakeMachine("nodb", true);
+        foreach (string folder in new string[] { null, "", "/no/such/folder" })
+        {
+            SpecInfo info = Specs.GetSpecInfo(folder);
+            Expect(info.ErrorMessage != null && info.UnderMinSpecReason != null && info.GpuInfo.Length == 2 &&
+                       info.GpuInfo.All(gpu => gpu.NotListed && gpu.NotListedInfo != "" && gpu.AdapterName != null),
+                   "folder '" + folder + "' gives a whole answer");
+        }
+    }
+
+    // The default database that travels with the assembly (the package's content files
+    // land beside it in a consumer's output) knows the machine's discrete card.
+    public static void BundledDatabase()
+    {
+        MakeMachine("bundled", true);
+        string folder = Path.Combine(Path.GetDirectoryName(typeof(Specs).Assembly.Location), "gpudb");
+        Expect(Directory.GetFiles(folder, "*.cfg").Length > 1, "database files in " + folder);
+        SpecInfo info = Specs.GetSpecInfo(folder);
+        Expect(info.GpuInfo.Length == 2 && !info.GpuInfo[1].NotListed && info.GpuInfo[1].RecommendedVideoQuality == 4,
+               "the bundled database lists the RTX 4090");
+    }
+
+    static long ResidentBytes()
+    {
+        string[] fields = File.ReadAllText("/proc/self/statm").Split(' ');
+        return long.Parse(fields[1]) * 4096;
+    }
+
+    // Four threads query at once, all released together, 2500 times each; returns how many
+    // answers were not the expected one.
+    static int QueryFromFourThreads(string db)
+    {
+        var start = new Barrier(4);
+        int wrong = 0;
+        var threads = new Thread[4];
+        for (int t = 0; t < threads.Length; ++t)
+        {
+            threads[t] = new Thread(() => {
+                start.SignalAndWait();
+                for (int i = 0; i < 2500; ++i)
+                {
+                    SpecInfo info = Specs.GetSpecInfo(db);
+                    if (info.BestGpuIndex != 1 || info.GpuInfo[1].Benchmark != 9800) Interlocked.Increment(ref wrong);
+                }
+            });
+            threads[t].Start();
+        }
+        foreach (Thread thread in threads) thread.Join();
+        return wrong;
+    }
+
+    // Every answer is the same, and every native answer is freed: once a first round has let
+    // the runtime's heaps settle, a second round of 10000 queries (whose answers, leaked,
+    // would take some 4 MB) grows the process by no more than a few pages of noise.
+    public static void ConcurrentQueries()
+    {
+        string db = Path.Combine(MakeMachine("threads", true), "db");
+        int wrong = QueryFromFourThreads(db);
+        GC.Collect();
+        GC.WaitForPendingFinalizers();
+        long before = ResidentBytes();
+        wrong += QueryFromFourThreads(db);
+        GC.Collect();
+        GC.WaitForPendingFinalizers();
+        long grown = ResidentBytes() - before;
+        Expect(wrong == 0, wrong + " threaded answers differ");
+        Expect(grown < 1 << 20, "10000 queries grew the process by " + grown + " bytes");
+    }
+
+    // The marshalling declarations against the table of specs_layout.h (embedded in the
+    // test assembly): every offset and size at this process's pointer size through the
+    // marshaller itself, and at the other pointer size by laying out the same fields with
+    // the marshaller's rules (which the first half confirms here).
+    public static void RecordLayout()
+    {
+        string table;
+        using (var stream = Assembly.GetExecutingAssembly().GetManifestResourceStream("specs_layout.h"))
+            table = new StreamReader(stream).ReadToEnd();
+        var records = new Dictionary<string, Type> {
+            { "rigwarden_gpu_info", typeof(Specs).Assembly.GetType("Rigwarden.Native+GpuInfo", true) },
+            { "rigwarden_spec_info", typeof(Specs).Assembly.GetType("Rigwarden.Native+SpecInfo", true) },
+        };
+        int rows = 0;
+        foreach (string record in records.Keys)
+        {
+            Type type = records[record];
+            var fields = Regex.Matches(table, @"FIELD\(" + record + @", (\w+), (\d+), (\d+)\)").Cast<Match>().ToList();
+            Match size = Regex.Match(table, @"SIZE\(" + record + @", (\d+), (\d+)\)");
+            Expect(fields.Count > 0 && size.Success, "the table describes " + record);
+            Expect(fields.Select(f => f.Groups[1].Value).SequenceEqual(type.GetFields().Select(f => f.Name)),
+                   record + ": the same fields in the same order");
+            foreach (int pointer in new[] { 4, 8 })
+            {
+                int column = pointer == 4 ? 2 : 3;
+                int[] offsets;
+                int total = Lay(type, pointer, out offsets);
+                for (int i = 0; i < fields.Count; ++i)
+                {
+                    string field = fields[i].Groups[1].Value;
+                    int expected = int.Parse(fields[i].Groups[column].Value);
+                    Expect(offsets[i] == expected, record + "." + field + " at " + offsets[i] + " with " + pointer +
+                                                       "-byte pointers, C has " + expected);
+                    if (pointer == IntPtr.Size)
+                        Expect(Marshal.OffsetOf(type, field).ToInt32() == expected, record + "." + field + " marshalled");
+                    ++rows;
+                }
+                int expectedSize = int.Parse(size.Groups[column - 1].Value);
+                Expect(total == expectedSize, record + " is " + total + " bytes with " + pointer + "-byte pointers");
+                if (pointer == IntPtr.Size) Expect(Marshal.SizeOf(type) == expectedSize, record + " marshalled size");
+            }
+        }
+        Expect(rows == 32, rows + " field rows checked");
+    }
+
+    // Sequential layout: each field at the next multiple of its size, the record rounded up
+    // to its largest field. Returns the size; offsets in field order.
+    static int Lay(Type type, int pointer, out int[] offsets)
+    {
+        FieldInfo[] fields = type.GetFields();
+        offsets = new int[fields.Length];
+        int at = 0, largest = 1;
+        for (int i = 0; i < fields.Length; ++i)
+        {
+            Type field = fields[i].FieldType;
+            int width = field == typeof(IntPtr) ? pointer : Marshal.SizeOf(field);
+            at = (at + width - 1) / width * width;
+            offsets[i] = at;
+            at += width;
+            largest = Math.Max(largest, width);
+        }
+        return (at + largest - 1) / largest * largest;
+    }
+
+    // Every case that needs no package, for runners without a test framework of their own.
+    public static readonly Action[] All = { Defaults, KnownMachine, EmptyMachine, NoDatabase, ConcurrentQueries,
+                                            RecordLayout };
+}

@@ -1,0 +1,17 @@
+// The managed cases as xunit facts. They share RIGWARDEN_ROOT, so they live in one class,
+// which xunit runs one fact at a time; each fact's machine folders go after it.
+using System;
+using Xunit;
+
+public class SpecsFacts : IDisposable
+{
+    public void Dispose() => SpecsCases.RemoveMachines();
+
+    [Fact] public void Defaults() => SpecsCases.Defaults();
+    [Fact] public void KnownMachine() => SpecsCases.KnownMachine();
+    [Fact] public void EmptyMachine() => SpecsCases.EmptyMachine();
+    [Fact] public void NoDatabase() => SpecsCases.NoDatabase();
+    [Fact] public void BundledDatabase() => SpecsCases.BundledDatabase();
+    [Fact] public void ConcurrentQueries() => SpecsCases.ConcurrentQueries();
+    [Fact] public void RecordLayout() => SpecsCases.RecordLayout();
+}
