@@ -21,12 +21,11 @@ public:
 
 protected:
     constexpr klSingletonBase() : mInitialized(false), mNextRegistered(nullptr), mNextCreated(nullptr) {}
-    // Static destruction: the holder is not unlinked and T is not destroyed here;
-    // that is Shutdown's work.
-    constexpr virtual ~klSingletonBase() {
-        mNextRegistered = nullptr;
-        mNextCreated = nullptr;
-    }
+    // Trivial on purpose: a holder must outlive static destruction. A library unloaded at
+    // process exit runs its unload hook (and so Shutdown, which walks the holders) after
+    // the static objects are gone; a holder with a destructor would be half-destroyed by
+    // then. Destroying T is Shutdown's work alone.
+    ~klSingletonBase() = default;
     // Pushes the holder on the registration list, and creates it when Initialize has run
     // already; run once, by its klSingletonRegistration.
     void Register();
@@ -114,7 +113,7 @@ public:
 
 private:
     constexpr klSingleton() : mPointer(nullptr) {}
-    constexpr ~klSingleton() override = default;
+    ~klSingleton() = default;
 
     T* mPointer;
     template <class> friend class klUsesSingleton;

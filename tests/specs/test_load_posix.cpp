@@ -8,6 +8,7 @@
 #include <link.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -60,4 +61,21 @@ TEST(LoadPosix, LoadingTheLibraryCreatesEverySingleton) {
         EXPECT_NE(nullptr, instance) << holder.name << " was never created";
     }
     dlclose(library);
+}
+
+// A launcher that never unloads the library: at exit its static objects go first, then its
+// unload hook shuts keel down. The process must still end cleanly.
+TEST(LoadPosixDeathTest, ExitingWithoutUnloadingEndsCleanly) {
+    EXPECT_EXIT(
+        {
+            void* library = dlopen(RIGWARDEN_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
+            using Query = void* (*)(const char*);
+            using Free = void (*)(void*);
+            auto query = reinterpret_cast<Query>(dlsym(library, "rigwarden_get_spec_info"));
+            auto release = reinterpret_cast<Free>(dlsym(library, "rigwarden_free_spec_info"));
+            if (!query || !release) std::exit(2);
+            release(query("/no/such/folder"));
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "");
 }

@@ -151,7 +151,7 @@ std::map<std::string, std::string> Tree(const std::string& folder) {
 
 TEST(Query, CaptureThenReplayAnswersAsTheLiveRun) {
     FakeMachine scratch("capture");
-    const std::string tool = RIGWARDEN_CHECK_PATH, db = " --db " + scratch.Root() + "/db";
+    const std::string tool = RIGWARDEN_CHECK_COMMAND, db = " --db " + scratch.Root() + "/db";
     scratch.Write("db/a.cfg", "8086, A780, 1, 1600, 300, D\n");
     int live = -1, replayed = -1;
     for (const char* mode : {"", " --json"}) { // this very machine
