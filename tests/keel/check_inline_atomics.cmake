@@ -12,7 +12,9 @@ if(calls)
 endif()
 if(SWAP)
     execute_process(COMMAND ${OBJDUMP} -d ${LIB} OUTPUT_VARIABLE code RESULT_VARIABLE rc)
-    if(NOT rc EQUAL 0 OR NOT code MATCHES "lock +${SWAP} ")
+    # GNU objdump prints "lock cmpxchg16b (%rsi)"; llvm-objdump puts the prefix on a line
+    # of its own, "lock", just before "cmpxchg16b\t(%rsi)".
+    if(NOT rc EQUAL 0 OR NOT code MATCHES "lock([ \t]+|\n[^\n]*\t)${SWAP}[ \t]")
         message(FATAL_ERROR "no 'lock ${SWAP}' in ${LIB}: the counted pointer is not swapped by the processor")
     endif()
 endif()
