@@ -4,7 +4,7 @@
 #include "keel/klini.h"
 
 #include <INIReader.h>
-#include <benchmark/benchmark.h>
+#include "keel_bench.h"
 #include <ini.h>
 
 #include <cstdio>
@@ -67,6 +67,6 @@ void IniParseInihCallback(benchmark::State& state) {
 
 } // namespace
 
-BENCHMARK(IniParseKeel)->Name("IniParse/keel")->Unit(benchmark::kMillisecond);
-BENCHMARK(IniParseInihReader)->Name("IniParse/inih-reader")->Unit(benchmark::kMillisecond);
-BENCHMARK(IniParseInihCallback)->Name("IniParse/inih-callback")->Unit(benchmark::kMillisecond);
+KEEL_BENCHMARK(IniParseKeel)->Name("IniParse/keel")->Unit(benchmark::kMillisecond);
+KEEL_BENCHMARK(IniParseInihReader)->Name("IniParse/inih-reader")->Unit(benchmark::kMillisecond);
+KEEL_BENCHMARK(IniParseInihCallback)->Name("IniParse/inih-callback")->Unit(benchmark::kMillisecond);

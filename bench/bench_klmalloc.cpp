@@ -2,7 +2,7 @@
 #include "keel/kllockfree.h"
 #include "keel/klmalloc.h"
 
-#include <benchmark/benchmark.h>
+#include "keel_bench.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -107,12 +107,12 @@ void HeapFree(void* p) { std::free(p); }
 
 } // namespace
 
-BENCHMARK(TrackedNew_keel)->Name("TrackedNew/keel");
-BENCHMARK(TrackedNew_malloc)->Name("TrackedNew/malloc");
-BENCHMARK(FilteredHook_keel)->Name("FilteredHook/keel");
-BENCHMARK(FilteredHook_nohook)->Name("FilteredHook/nohook");
-BENCHMARK(NodePool_keel)->Name("NodePool/keel");
-BENCHMARK(NodePool_malloc)->Name("NodePool/malloc");
-BENCHMARK(NodePool_floor)->Name("NodePool/floor");
-BENCHMARK(CrossFree<PoolAlloc, PoolFree>)->Name("CrossThreadFree/keel")->Threads(2)->Teardown(DrainRings<PoolFree>);
-BENCHMARK(CrossFree<HeapAlloc, HeapFree>)->Name("CrossThreadFree/malloc")->Threads(2)->Teardown(DrainRings<HeapFree>);
+KEEL_BENCHMARK(TrackedNew_keel)->Name("TrackedNew/keel");
+KEEL_BENCHMARK(TrackedNew_malloc)->Name("TrackedNew/malloc");
+KEEL_BENCHMARK(FilteredHook_keel)->Name("FilteredHook/keel");
+KEEL_BENCHMARK(FilteredHook_nohook)->Name("FilteredHook/nohook");
+KEEL_BENCHMARK(NodePool_keel)->Name("NodePool/keel");
+KEEL_BENCHMARK(NodePool_malloc)->Name("NodePool/malloc");
+KEEL_BENCHMARK(NodePool_floor)->Name("NodePool/floor");
+KEEL_BENCHMARK(CrossFree<PoolAlloc, PoolFree>)->Name("CrossThreadFree/keel")->Threads(2)->Teardown(DrainRings<PoolFree>);
+KEEL_BENCHMARK(CrossFree<HeapAlloc, HeapFree>)->Name("CrossThreadFree/malloc")->Threads(2)->Teardown(DrainRings<HeapFree>);
