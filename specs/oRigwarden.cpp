@@ -80,23 +80,27 @@ uint32_t ParseId(const Token& token) {
     return Narrow(oRigwarden::ParseNumberToken(token.begin, token.end, 16, false));
 }
 
-bool WantsRecord(const std::vector<vsGpuInfo>& adapters, uint32_t vendorId, uint32_t deviceId) {
+// Whether some adapter that is still not listed passes the test.
+template <class Test> bool AnyUnlisted(const std::vector<vsGpuInfo>& adapters, Test test) {
     for (const vsGpuInfo& adapter : adapters)
-        if (adapter.notListed && adapter.vendorId == vendorId && adapter.deviceId == deviceId) return true;
+        if (adapter.notListed && test(adapter)) return true;
     return false;
 }
 
 // A line is a record when six tokens come before its comment; every adapter still
 // unlisted with the record's ids takes it, so the first record for a pair wins across
 // lines and files. Most records are for cards this machine does not have, so the ids are
-// read first and the rest of the line only when some adapter wants it.
+// read first, one at a time, and the rest of the line only when some adapter wants it.
 void ApplyLine(const klString& line, std::vector<vsGpuInfo>& adapters) {
     const char* at = line.Const();
     Token tokens[kRecordTokens];
-    if (!NextToken(at, tokens[0]) || !NextToken(at, tokens[1])) return;
+    if (!NextToken(at, tokens[0])) return;
     const uint32_t vendorId = ParseId(tokens[0]);
+    if (!AnyUnlisted(adapters, [&](const vsGpuInfo& a) { return a.vendorId == vendorId; })) return;
+    if (!NextToken(at, tokens[1])) return;
     const uint32_t deviceId = ParseId(tokens[1]);
-    if (!WantsRecord(adapters, vendorId, deviceId)) return;
+    if (!AnyUnlisted(adapters, [&](const vsGpuInfo& a) { return a.vendorId == vendorId && a.deviceId == deviceId; }))
+        return;
     for (int i = 2; i < kRecordTokens; ++i)
         if (!NextToken(at, tokens[i])) return;
     for (vsGpuInfo& adapter : adapters) {
