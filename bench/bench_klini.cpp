@@ -3,8 +3,9 @@
 // INIReader, which stores entries too, and as the bare callback parser.
 #include "keel/klini.h"
 
-#include <INIReader.h>
 #include "keel_bench.h"
+
+#include <INIReader.h>
 #include <ini.h>
 
 #include <cstdio>

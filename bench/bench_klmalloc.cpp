@@ -1,6 +1,7 @@
 // Tracked allocation and the node pool beside the system heap.
 #include "keel/kllockfree.h"
 #include "keel/klmalloc.h"
+#include "keel/klplatform.h"
 
 #include "keel_bench.h"
 
@@ -25,6 +26,20 @@ void TrackedNew_malloc(benchmark::State& state) {
         benchmark::DoNotOptimize(p);
         std::free(p);
     }
+}
+
+// What tracking cannot do without, with nothing else: the heap, the block's usable size
+// both ways, and the locked add to the process-wide byte counter both ways.
+void TrackedNew_floor(benchmark::State& state) {
+    uint32_t bytes = 0;
+    for (auto _ : state) {
+        void* p = std::malloc(kBlock);
+        klXchgAdd(&bytes, uint32_t(kl::platform::HeapUsableSize(p)));
+        benchmark::DoNotOptimize(p);
+        klXchgAdd(&bytes, 0u - uint32_t(kl::platform::HeapUsableSize(p)));
+        std::free(p);
+    }
+    benchmark::DoNotOptimize(bytes);
 }
 
 // A filter that declines everything must cost no more than no hook at all.
@@ -109,6 +124,7 @@ void HeapFree(void* p) { std::free(p); }
 
 KEEL_BENCHMARK(TrackedNew_keel)->Name("TrackedNew/keel");
 KEEL_BENCHMARK(TrackedNew_malloc)->Name("TrackedNew/malloc");
+KEEL_BENCHMARK(TrackedNew_floor)->Name("TrackedNew/floor");
 KEEL_BENCHMARK(FilteredHook_keel)->Name("FilteredHook/keel");
 KEEL_BENCHMARK(FilteredHook_nohook)->Name("FilteredHook/nohook");
 KEEL_BENCHMARK(NodePool_keel)->Name("NodePool/keel");

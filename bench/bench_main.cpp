@@ -27,6 +27,12 @@ double Median(std::vector<double> values) {
     return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
+// (slowest - fastest) / median, in percent.
+double Spread(const std::vector<double>& values) {
+    const auto [fastest, slowest] = std::minmax_element(values.begin(), values.end());
+    return (*slowest - *fastest) / Median(values) * 100;
+}
+
 class PairingReporter : public benchmark::ConsoleReporter {
 public:
     PairingReporter() : ConsoleReporter(OO_Tabular) {} // plain text: the output is kept in logs
@@ -41,17 +47,19 @@ public:
     }
 
     // One line per keel/peer pair: the median times and the ratio of the medians, and with
-    // repetitions the spread of keel's runs ((slowest - fastest) / median).
+    // repetitions the spread of keel's runs. Benchmarks without a peer come first, alone.
     void PrintRatios() const {
         if (mNanos.empty()) return; // nothing ran (a listing, or a filter that matched none)
         std::printf("\n%-44s %12s %12s %8s %7s\n", "keel vs peer", "keel", "peer", "ratio", "spread");
+        for (const auto& [name, times] : mNanos) // benchmarks with no peer: their own time
+            if (name.find('/') == std::string::npos)
+                std::printf("%-44s %10.1fns %12s %8s %6.0f%%\n", name.c_str(), Median(times), "", "", Spread(times));
         for (const auto& [name, keelTimes] : mNanos) {
             std::string::size_type slash = name.find("/keel");
             if (slash == std::string::npos) continue;
             std::string stem = name.substr(0, slash);
             std::string rest = name.substr(slash + 5); // thread and argument suffixes
             const double keelTime = Median(keelTimes);
-            const auto [fastest, slowest] = std::minmax_element(keelTimes.begin(), keelTimes.end());
             for (const auto& [peerName, peerTimes] : mNanos) {
                 if (peerName == name || peerName.compare(0, stem.size() + 1, stem + "/") != 0) continue;
                 if (peerName.size() < rest.size() ||
@@ -61,7 +69,7 @@ public:
                 if (peer.find('/') != std::string::npos) continue;
                 const double peerTime = Median(peerTimes);
                 std::printf("%-44s %10.1fns %10.1fns %7.2fx %6.0f%%\n", (stem + rest + " vs " + peer).c_str(),
-                            keelTime, peerTime, peerTime / keelTime, (*slowest - *fastest) / keelTime * 100);
+                            keelTime, peerTime, peerTime / keelTime, Spread(keelTimes));
             }
         }
     }
