@@ -122,5 +122,6 @@ void WholeProcess_lspci(benchmark::State& state) { RunProcess(state, {"lspci", "
 KEEL_BENCHMARK(FullQuery)->Unit(benchmark::kMicrosecond);
 KEEL_BENCHMARK(DatabaseScan_keel)->Name("DatabaseScan/keel");
 KEEL_BENCHMARK(DatabaseScan_memchr)->Name("DatabaseScan/memchr");
-KEEL_BENCHMARK(WholeProcess_keel)->Name("WholeProcess/keel")->Unit(benchmark::kMillisecond);
-KEEL_BENCHMARK(WholeProcess_lspci)->Name("WholeProcess/lspci")->Unit(benchmark::kMillisecond);
+// Real time decides the count: the parent only waits, so its processor time says nothing.
+KEEL_BENCHMARK(WholeProcess_keel)->Name("WholeProcess/keel")->Unit(benchmark::kMillisecond)->UseRealTime();
+KEEL_BENCHMARK(WholeProcess_lspci)->Name("WholeProcess/lspci")->Unit(benchmark::kMillisecond)->UseRealTime();
