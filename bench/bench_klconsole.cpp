@@ -3,7 +3,7 @@
 // value alternating between two short texts.
 #include "keel/klconsole.h"
 
-#include <benchmark/benchmark.h>
+#include "keel_bench.h"
 
 #include <algorithm>
 #include <cctype>
@@ -66,5 +66,5 @@ void CvarSet_std(benchmark::State& state) {
 
 } // namespace
 
-BENCHMARK(CvarSet_keel)->Name("CvarSet/keel");
-BENCHMARK(CvarSet_std)->Name("CvarSet/std");
+KEEL_BENCHMARK(CvarSet_keel)->Name("CvarSet/keel");
+KEEL_BENCHMARK(CvarSet_std)->Name("CvarSet/std");

@@ -2,7 +2,7 @@
 // the mean frame period and its spread against the 16.67 ms target.
 #include "keel/klevent.h"
 
-#include <benchmark/benchmark.h>
+#include "keel_bench.h"
 
 #include <chrono>
 #include <cmath>

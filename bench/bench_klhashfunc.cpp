@@ -3,7 +3,7 @@
 // compares.
 #include "keel/klhashfunc.h"
 
-#include <benchmark/benchmark.h>
+#include "keel_bench.h"
 
 #include <cstdint>
 #include <vector>
@@ -47,9 +47,9 @@ void Md5OpenSsl(benchmark::State& state) {
     }
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data.size()));
 }
-BENCHMARK(Md5OpenSsl)->Name("MD5/openssl")->Unit(benchmark::kMillisecond);
+KEEL_BENCHMARK(Md5OpenSsl)->Name("MD5/openssl")->Unit(benchmark::kMillisecond);
 #endif
-BENCHMARK(Md5Keel)->Name("MD5/keel")->Unit(benchmark::kMillisecond);
+KEEL_BENCHMARK(Md5Keel)->Name("MD5/keel")->Unit(benchmark::kMillisecond);
 
 // The reference: the published byte loop, written out plainly.
 template <class Word, Word Basis, Word Prime>
@@ -70,9 +70,9 @@ void Fnv32Keel(benchmark::State& s) { Fnv(s, [](const uint8_t* p, size_t n) { re
 void Fnv32Plain(benchmark::State& s) { Fnv(s, PlainFnv<uint32_t, 0x811c9dc5u, 16777619u>); }
 void Fnv64Keel(benchmark::State& s) { Fnv(s, [](const uint8_t* p, size_t n) { return klHashBytes64(p, uint32_t(n)); }); }
 void Fnv64Plain(benchmark::State& s) { Fnv(s, PlainFnv<uint64_t, 0xcbf29ce484222325ull, 0x100000001b3ull>); }
-BENCHMARK(Fnv32Keel)->Name("Fnv32/keel");
-BENCHMARK(Fnv32Plain)->Name("Fnv32/plain");
-BENCHMARK(Fnv64Keel)->Name("Fnv64/keel");
-BENCHMARK(Fnv64Plain)->Name("Fnv64/plain");
+KEEL_BENCHMARK(Fnv32Keel)->Name("Fnv32/keel");
+KEEL_BENCHMARK(Fnv32Plain)->Name("Fnv32/plain");
+KEEL_BENCHMARK(Fnv64Keel)->Name("Fnv64/keel");
+KEEL_BENCHMARK(Fnv64Plain)->Name("Fnv64/plain");
 
 } // namespace

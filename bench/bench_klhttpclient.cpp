@@ -5,7 +5,7 @@
 #include "keel/kllifetime.h"
 #include "servers.h"
 
-#include <benchmark/benchmark.h>
+#include "keel_bench.h"
 #include <curl/curl.h>
 
 #include <cstdio>
@@ -63,7 +63,7 @@ void SmallKeel(benchmark::State& s) { Download(s, "/small.txt", int64_t(kSmallBo
 void SmallCurl(benchmark::State& s) { Download(s, "/small.txt", int64_t(kSmallBody.size()), false); }
 BENCHMARK(BigKeel)->Name("Download256M/keel")->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 BENCHMARK(BigCurl)->Name("Download256M/curl")->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
-BENCHMARK(SmallKeel)->Name("SmallGet/keel")->Unit(benchmark::kMicrosecond)->UseRealTime();
-BENCHMARK(SmallCurl)->Name("SmallGet/curl")->Unit(benchmark::kMicrosecond)->UseRealTime();
+KEEL_BENCHMARK(SmallKeel)->Name("SmallGet/keel")->Unit(benchmark::kMicrosecond)->UseRealTime();
+KEEL_BENCHMARK(SmallCurl)->Name("SmallGet/curl")->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 } // namespace

@@ -3,8 +3,9 @@
 // INIReader, which stores entries too, and as the bare callback parser.
 #include "keel/klini.h"
 
+#include "keel_bench.h"
+
 #include <INIReader.h>
-#include <benchmark/benchmark.h>
 #include <ini.h>
 
 #include <cstdio>
@@ -67,6 +68,6 @@ void IniParseInihCallback(benchmark::State& state) {
 
 } // namespace
 
-BENCHMARK(IniParseKeel)->Name("IniParse/keel")->Unit(benchmark::kMillisecond);
-BENCHMARK(IniParseInihReader)->Name("IniParse/inih-reader")->Unit(benchmark::kMillisecond);
-BENCHMARK(IniParseInihCallback)->Name("IniParse/inih-callback")->Unit(benchmark::kMillisecond);
+KEEL_BENCHMARK(IniParseKeel)->Name("IniParse/keel")->Unit(benchmark::kMillisecond);
+KEEL_BENCHMARK(IniParseInihReader)->Name("IniParse/inih-reader")->Unit(benchmark::kMillisecond);
+KEEL_BENCHMARK(IniParseInihCallback)->Name("IniParse/inih-callback")->Unit(benchmark::kMillisecond);

@@ -1,7 +1,7 @@
 // An uncontended lock and release: klMutex beside the standard recursive mutex.
 #include "keel/kllock.h"
 
-#include <benchmark/benchmark.h>
+#include "keel_bench.h"
 
 #include <mutex>
 
@@ -24,5 +24,5 @@ struct KeelMutex {
 
 } // namespace
 
-BENCHMARK(LockUnlock<KeelMutex>)->Name("MutexLock/keel");
-BENCHMARK(LockUnlock<std::recursive_mutex>)->Name("MutexLock/std");
+KEEL_BENCHMARK(LockUnlock<KeelMutex>)->Name("MutexLock/keel");
+KEEL_BENCHMARK(LockUnlock<std::recursive_mutex>)->Name("MutexLock/std");

@@ -5,7 +5,7 @@
 #include "keel/klfilesystem.h"
 #include "keel/kllog.h"
 
-#include <benchmark/benchmark.h>
+#include "keel_bench.h"
 
 #include <cstdio>
 #include <filesystem>
@@ -70,11 +70,11 @@ void LogFileSpdlog(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
     spdlog::drop("bench");
 }
-BENCHMARK(LogFileSpdlog)->Name("LogFile/spdlog");
+KEEL_BENCHMARK(LogFileSpdlog)->Name("LogFile/spdlog");
 #endif
 
 } // namespace
 
-BENCHMARK(LogFile)->Name("LogFile/keel");
-BENCHMARK(LogConsoleToFile)->Name("LogConsoleToFile/keel");
-BENCHMARK(LogFiltered)->Name("LogFiltered/keel");
+KEEL_BENCHMARK(LogFile)->Name("LogFile/keel");
+KEEL_BENCHMARK(LogConsoleToFile)->Name("LogConsoleToFile/keel");
+KEEL_BENCHMARK(LogFiltered)->Name("LogFiltered/keel");

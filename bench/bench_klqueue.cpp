@@ -3,7 +3,8 @@
 #include "keel/kllifetime.h"
 #include "keel/kllockfree.h"
 
-#include <benchmark/benchmark.h>
+#include "keel_bench.h"
+
 #include <boost/lockfree/queue.hpp>
 #include <concurrentqueue/concurrentqueue.h>
 
@@ -75,10 +76,15 @@ template <class Queue> void Throughput(benchmark::State& state, int producers, i
 
 void Register(const char* shape, int producers, int consumers) {
     std::string name = shape;
-    benchmark::RegisterBenchmark((name + "/keel").c_str(), Throughput<KeelQueue>, producers, consumers)->UseRealTime();
-    benchmark::RegisterBenchmark((name + "/boost").c_str(), Throughput<BoostQueue>, producers, consumers)->UseRealTime();
+    benchmark::RegisterBenchmark((name + "/keel").c_str(), Throughput<KeelQueue>, producers, consumers)
+        ->UseRealTime()
+        ->Apply(keel::bench::Track);
+    benchmark::RegisterBenchmark((name + "/boost").c_str(), Throughput<BoostQueue>, producers, consumers)
+        ->UseRealTime()
+        ->Apply(keel::bench::Track);
     benchmark::RegisterBenchmark((name + "/moodycamel").c_str(), Throughput<MoodycamelQueue>, producers, consumers)
-        ->UseRealTime();
+        ->UseRealTime()
+        ->Apply(keel::bench::Track);
 }
 
 const bool gRegistered = (Register("Queue1x1", 1, 1), Register("Queue2x2", 2, 2), true);

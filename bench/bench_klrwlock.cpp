@@ -3,7 +3,7 @@
 #include "keel/kllifetime.h"
 #include "keel/kllockfree.h"
 
-#include <benchmark/benchmark.h>
+#include "keel_bench.h"
 
 #include <shared_mutex>
 
@@ -51,9 +51,9 @@ void WriteStd(benchmark::State& state) {
 
 } // namespace
 
-BENCHMARK(ReadKeel<klReadWriteLock>)->Name("ReadLock/keel");
-BENCHMARK(ReadStd)->Name("ReadLock/std");
-BENCHMARK(ReadKeel<klInlineReadWriteLock>)->Name("InlineReadLock/keel");
-BENCHMARK(ReadStd)->Name("InlineReadLock/std");
-BENCHMARK(WriteKeel<klReadWriteLock>)->Name("WriteLock/keel");
-BENCHMARK(WriteStd)->Name("WriteLock/std");
+KEEL_BENCHMARK(ReadKeel<klReadWriteLock>)->Name("ReadLock/keel");
+KEEL_BENCHMARK(ReadStd)->Name("ReadLock/std");
+KEEL_BENCHMARK(ReadKeel<klInlineReadWriteLock>)->Name("InlineReadLock/keel");
+KEEL_BENCHMARK(ReadStd)->Name("InlineReadLock/std");
+KEEL_BENCHMARK(WriteKeel<klReadWriteLock>)->Name("WriteLock/keel");
+KEEL_BENCHMARK(WriteStd)->Name("WriteLock/std");

@@ -2,7 +2,7 @@
 // time (the cached case) beside restarting from the first character for every lookup.
 #include "keel/kltext.h"
 
-#include <benchmark/benchmark.h>
+#include "keel_bench.h"
 
 #include <string>
 
@@ -41,5 +41,5 @@ void Restart(benchmark::State& state) {
 
 } // namespace
 
-BENCHMARK(Sequential)->Name("CharToByteIndex/keel");
-BENCHMARK(Restart)->Name("CharToByteIndex/restart");
+KEEL_BENCHMARK(Sequential)->Name("CharToByteIndex/keel");
+KEEL_BENCHMARK(Restart)->Name("CharToByteIndex/restart");

@@ -1,7 +1,7 @@
 // Reading a thread-local value: a keel slot beside the system's TLS and the language's own.
 #include "keel/klthread.h"
 
-#include <benchmark/benchmark.h>
+#include "keel_bench.h"
 
 #ifdef _WIN32
 #include <windows.h>
@@ -62,10 +62,10 @@ void TlsGet_thread_local(benchmark::State& state) {
 
 } // namespace
 
-BENCHMARK(TlsGet_keel)->Name("TlsGet/keel")->Threads(1)->Threads(2);
+KEEL_BENCHMARK(TlsGet_keel)->Name("TlsGet/keel")->Threads(1)->Threads(2);
 #ifdef _WIN32
-BENCHMARK(TlsGet_win32)->Name("TlsGet/win32")->Threads(1)->Threads(2);
+KEEL_BENCHMARK(TlsGet_win32)->Name("TlsGet/win32")->Threads(1)->Threads(2);
 #else
-BENCHMARK(TlsGet_pthread)->Name("TlsGet/pthread")->Threads(1)->Threads(2);
+KEEL_BENCHMARK(TlsGet_pthread)->Name("TlsGet/pthread")->Threads(1)->Threads(2);
 #endif
-BENCHMARK(TlsGet_thread_local)->Name("TlsGet/thread_local")->Threads(1)->Threads(2);
+KEEL_BENCHMARK(TlsGet_thread_local)->Name("TlsGet/thread_local")->Threads(1)->Threads(2);

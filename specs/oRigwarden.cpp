@@ -56,23 +56,51 @@ bool NextToken(const char*& at, Token& token) {
 
 uint32_t Narrow(uint64_t value) { return static_cast<uint32_t>(value); }
 
-bool WantsRecord(const std::vector<vsGpuInfo>& adapters, uint32_t vendorId, uint32_t deviceId) {
+// The value of each byte as a digit of any base up to 36; 99 for a byte that is none.
+constexpr struct DigitValues {
+    uint8_t of[256] = {};
+    constexpr DigitValues() {
+        for (int c = 0; c < 256; ++c) of[c] = 99;
+        for (int c = '0'; c <= '9'; ++c) of[c] = uint8_t(c - '0');
+        for (int c = 'a'; c <= 'z'; ++c) of[c] = of[c - 32] = uint8_t(c - 'a' + 10);
+    }
+} kDigits;
+
+uint32_t DigitValue(char c) { return kDigits.of[uint8_t(c)]; }
+
+// An id token: nearly every record writes its ids as at most eight bare hex digits, read
+// here directly; anything else (a sign, "0x", blanks, more digits) takes the full rules.
+uint32_t ParseId(const Token& token) {
+    if (token.end - token.begin <= 8) {
+        uint32_t value = 0;
+        const char* at = token.begin;
+        for (uint32_t digit; at < token.end && (digit = DigitValue(*at)) < 16; ++at) value = value << 4 | digit;
+        if (at == token.end) return value;
+    }
+    return Narrow(oRigwarden::ParseNumberToken(token.begin, token.end, 16, false));
+}
+
+// Whether some adapter that is still not listed passes the test.
+template <class Test> bool AnyUnlisted(const std::vector<vsGpuInfo>& adapters, Test test) {
     for (const vsGpuInfo& adapter : adapters)
-        if (adapter.notListed && adapter.vendorId == vendorId && adapter.deviceId == deviceId) return true;
+        if (adapter.notListed && test(adapter)) return true;
     return false;
 }
 
 // A line is a record when six tokens come before its comment; every adapter still
 // unlisted with the record's ids takes it, so the first record for a pair wins across
 // lines and files. Most records are for cards this machine does not have, so the ids are
-// read first and the rest of the line only when some adapter wants it.
+// read first, one at a time, and the rest of the line only when some adapter wants it.
 void ApplyLine(const klString& line, std::vector<vsGpuInfo>& adapters) {
     const char* at = line.Const();
     Token tokens[kRecordTokens];
-    if (!NextToken(at, tokens[0]) || !NextToken(at, tokens[1])) return;
-    uint32_t vendorId = Narrow(oRigwarden::ParseNumberToken(tokens[0].begin, tokens[0].end, 16, false));
-    uint32_t deviceId = Narrow(oRigwarden::ParseNumberToken(tokens[1].begin, tokens[1].end, 16, false));
-    if (!WantsRecord(adapters, vendorId, deviceId)) return;
+    if (!NextToken(at, tokens[0])) return;
+    const uint32_t vendorId = ParseId(tokens[0]);
+    if (!AnyUnlisted(adapters, [&](const vsGpuInfo& a) { return a.vendorId == vendorId; })) return;
+    if (!NextToken(at, tokens[1])) return;
+    const uint32_t deviceId = ParseId(tokens[1]);
+    if (!AnyUnlisted(adapters, [&](const vsGpuInfo& a) { return a.vendorId == vendorId && a.deviceId == deviceId; }))
+        return;
     for (int i = 2; i < kRecordTokens; ++i)
         if (!NextToken(at, tokens[i])) return;
     for (vsGpuInfo& adapter : adapters) {
@@ -85,18 +113,6 @@ void ApplyLine(const klString& line, std::vector<vsGpuInfo>& adapters) {
         adapter.mobile = *tokens[5].begin == 'M' || *tokens[5].begin == 'm';
     }
 }
-
-// The value of each byte as a digit of any base up to 36; 99 for a byte that is none.
-constexpr struct DigitValues {
-    uint8_t of[256] = {};
-    constexpr DigitValues() {
-        for (int c = 0; c < 256; ++c) of[c] = 99;
-        for (int c = '0'; c <= '9'; ++c) of[c] = uint8_t(c - '0');
-        for (int c = 'a'; c <= 'z'; ++c) of[c] = of[c - 32] = uint8_t(c - 'a' + 10);
-    }
-} kDigits;
-
-uint32_t DigitValue(char c) { return kDigits.of[uint8_t(c)]; }
 
 bool IsCSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 

@@ -55,6 +55,26 @@ uint32_t ParseUInt(const char* text) {
     return static_cast<uint32_t>(value);
 }
 
+// Plain decimal text of one to nine digits, not starting with 0, with an optional sign and
+// perhaps a letter after it ("1280", "-3", "720p"): every reading of it is the number
+// itself, so the C library's general parsers can be skipped. Anything else (blanks, a
+// leading zero, a fraction, an exponent, punctuation) gives false.
+bool ParsePlainInteger(const char* text, int32_t& value) {
+    const char* at = text;
+    const bool negative = *at == '-';
+    if (*at == '+' || *at == '-') ++at;
+    if (*at < '1' || *at > '9') return false;
+    int32_t magnitude = 0;
+    for (const char* first = at; *at >= '0' && *at <= '9'; ++at) {
+        if (at - first == 9) return false;
+        magnitude = magnitude * 10 + (*at - '0');
+    }
+    const char letter = char(*at | 0x20);
+    if (*at != 0 && (letter < 'a' || letter > 'z' || letter == 'e' || letter == 'x')) return false;
+    value = negative ? -magnitude : magnitude;
+    return true;
+}
+
 // A cvar name lower-cased on the stack (on the tracked heap only when it is long), so a
 // set by name makes no string unless it creates the cvar.
 class FoldedName {
@@ -119,6 +139,12 @@ void klCvar::Set(const char* val) {
     std::memmove(target, val, size);
     mText = target;
     klFree(spare);
+    if (int32_t plain; ParsePlainInteger(mText, plain)) {
+        mFloat = plain;
+        mInt = plain;
+        mUInt = static_cast<uint32_t>(plain); // strtoul's wrap of a negative number
+        return;
+    }
     mFloat = ParseFloat(mText);
     mInt = ParseInt(mText);
     mUInt = ParseUInt(mText);

@@ -11,7 +11,7 @@
 namespace {
 
 uint32_t gProcessBytes = 0;
-thread_local uint32_t tThreadBytes = 0;
+thread_local uint32_t tThreadBytes KL_STATIC_TLS = 0;
 klAllocFilterFn gFilter = nullptr;
 klAllocRecorderFn gRecorder = nullptr;
 

@@ -6,6 +6,16 @@
 #include <cstddef>
 #include <cstdint>
 
+// For keel's few hot thread-local variables: on ELF systems they go into the static TLS
+// block (initial-exec), so reaching one is a load from the thread pointer rather than a
+// resolver call that also costs the caller a stack frame. Keep them few and small: even
+// when keel lives in a library opened at run time, the loader's spare room holds them.
+#if defined(__ELF__)
+#define KL_STATIC_TLS __attribute__((tls_model("initial-exec")))
+#else
+#define KL_STATIC_TLS
+#endif
+
 namespace kl::platform {
 
 // Id of the calling thread; never 0.

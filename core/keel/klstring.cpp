@@ -219,6 +219,14 @@ void klString::Copy(const char* data, uint32_t len) {
         Release();
         return;
     }
+    // The common case (a line parser's line, a reused buffer): an unshared block with room
+    // and a source outside it is simply overwritten.
+    const uint32_t capacity = Capacity();
+    if (len <= capacity && !Inside(data, mData, capacity) && UseCount() == 1) {
+        std::memcpy(mData, data, len);
+        StoreSize(mData, len);
+        return;
+    }
     // Source text from our own block (s = s.Const() + n) must not be overwritten by the
     // resize before it is read: with a second holder the resize goes to a fresh block.
     klStringData keeper = KeepIfInside(data);
@@ -514,13 +522,18 @@ klString Join(const char* separator, const std::vector<klString>& parts) {
     uint32_t total = sepLen * static_cast<uint32_t>(parts.size() - 1);
     for (const klString& part : parts)
         total += part.Size();
-    // One exact allocation up front; the appends below then never reallocate.
+    // One exact allocation up front, then every piece copied straight into place.
     result.AllocUniqueBuffer(total, false);
-    result.AllocUniqueBuffer(0, false);
-    result.Append(parts.front());
-    for (size_t i = 1; i < parts.size(); ++i) {
-        result.Append(separator, sepLen);
-        result.Append(parts[i]);
+    char* out = result.Ptr();
+    if (!out) return result; // every part empty: there is no buffer to fill
+    for (size_t i = 0; i < parts.size(); ++i) {
+        if (i > 0 && sepLen > 0) { // a null separator must not reach memcpy
+            std::memcpy(out, separator, sepLen);
+            out += sepLen;
+        }
+        const uint32_t size = parts[i].Size();
+        std::memcpy(out, parts[i].Const(), size);
+        out += size;
     }
     return result;
 }

@@ -145,8 +145,12 @@ namespace {
 // The calling thread's record of the manager it used last. The system slot stays the
 // record's home; this copy only spares a system call on every read, which the reader/
 // writer lock makes twice per lock.
-thread_local uint64_t tCachedInstance = 0;
-thread_local void* tCachedStorage = nullptr;
+// In the static TLS block (KL_STATIC_TLS), so GetValue and SetValue need no stack frame.
+struct ThreadCache {
+    uint64_t instance;
+    void* storage;
+};
+thread_local ThreadCache tCache KL_STATIC_TLS = {0, nullptr};
 uint64_t gManagerInstances = 0;
 } // namespace
 
@@ -190,11 +194,17 @@ void klThreadLocalMgr::FreeKey(KeyType& key) {
     key = 0;
 }
 
-klThreadLocalMgr::Storage* klThreadLocalMgr::ThreadStorage() {
-    if (tCachedInstance == mInstance) return static_cast<Storage*>(tCachedStorage);
+// The check every GetValue and SetValue makes; small enough to be inlined into both.
+inline klThreadLocalMgr::Storage* klThreadLocalMgr::ThreadStorage() {
+    if (tCache.instance == mInstance) return static_cast<Storage*>(tCache.storage);
+    return AttachThreadStorage();
+}
+
+// This thread's record from the system slot, made on its first use of this manager.
+[[gnu::noinline]] klThreadLocalMgr::Storage* klThreadLocalMgr::AttachThreadStorage() {
     if (void* record = kl::detail::TlsSlotGet(mMasterKey)) {
-        tCachedInstance = mInstance;
-        tCachedStorage = record;
+        tCache.instance = mInstance;
+        tCache.storage = record;
         return static_cast<Storage*>(record);
     }
     if (mMasterKey == kl::detail::kNoTlsSlot) return nullptr; // reported at construction
@@ -204,12 +214,37 @@ klThreadLocalMgr::Storage* klThreadLocalMgr::ThreadStorage() {
     mRecords.Push(threadStorage);
     kl::detail::TlsSlotSet(mMasterKey, threadStorage);
     klAssert(threadStorage != NULL);
-    tCachedInstance = mInstance;
-    tCachedStorage = threadStorage;
+    tCache.instance = mInstance;
+    tCache.storage = threadStorage;
     return threadStorage;
 }
 
+// The entry of key's index in this thread's record, when the record is the cached one and
+// already reaches that far; null otherwise (and for the invalid key). Its key may be
+// another generation's.
+inline klThreadLocalMgr::Entry* klThreadLocalMgr::CachedSlot(KeyType key) {
+    if (tCache.instance != mInstance || key == INVALID_KEY) return nullptr;
+    Storage* storage = static_cast<Storage*>(tCache.storage);
+    const uint32_t index = key >> GEN_BITS;
+    return index < storage->mCount ? storage->mEntries + index : nullptr;
+}
+
+// The reader/writer lock reads and writes a slot twice per lock: the common case takes no
+// call beyond this one and no stack frame.
 uint32_t klThreadLocalMgr::GetValue(KeyType key) {
+    if (const Entry* slot = CachedSlot(key)) return slot->key == key ? slot->value : 0;
+    return LookUpValue(key);
+}
+
+void klThreadLocalMgr::SetValue(KeyType key, uint32_t value) {
+    if (Entry* slot = CachedSlot(key)) {
+        *slot = {value, key};
+        return;
+    }
+    StoreValue(key, value);
+}
+
+[[gnu::noinline]] uint32_t klThreadLocalMgr::LookUpValue(KeyType key) {
     if (!klAssert(key != INVALID_KEY)) return 0;
     Storage* storage = ThreadStorage();
     uint32_t index = key >> GEN_BITS;
@@ -217,7 +252,7 @@ uint32_t klThreadLocalMgr::GetValue(KeyType key) {
     return storage->mEntries[index].value;
 }
 
-void klThreadLocalMgr::SetValue(KeyType key, uint32_t value) {
+[[gnu::noinline]] void klThreadLocalMgr::StoreValue(KeyType key, uint32_t value) {
     if (!klAssert(key != INVALID_KEY)) return;
     Storage* storage = ThreadStorage();
     if (!storage) return;

@@ -184,6 +184,11 @@ private:
     };
     struct Storage;
     Storage* ThreadStorage();
+    Storage* AttachThreadStorage(); // the slow part of ThreadStorage, kept out of line
+    Entry* CachedSlot(KeyType key);
+    // GetValue and SetValue whole, for when CachedSlot has no answer.
+    uint32_t LookUpValue(KeyType key);
+    void StoreValue(KeyType key, uint32_t value);
 
     uint32_t mMasterKey;
     klSafeQueue mFreeKeys;

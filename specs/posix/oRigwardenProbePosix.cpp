@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -381,14 +382,45 @@ public:
             if (char* newline = static_cast<char*>(std::memchr(start, '\n', available))) {
                 line = std::string_view(start, size_t(newline - start));
                 mBegin += line.size() + 1;
+                mLineStart = true;
                 return true;
             }
             if (mAtEnd || available == sizeof(mBuffer)) {
                 if (available == 0) return false;
                 line = std::string_view(start, available);
                 mBegin = mEnd;
+                mLineStart = false; // a piece of a longer line may follow
                 return true;
             }
+            Refill();
+        }
+    }
+
+    // Moves to the start of the next line, this one included, for which matters(head)
+    // holds; head has kLook bytes, which may run past a short line's end. False at the end
+    // of the file (a last line shorter than kLook is never looked at). Skipped lines are
+    // never split out one by one, which makes long skips cheap.
+    static constexpr size_t kLook = 7;
+    template <class Matters> bool SkipLines(Matters matters) {
+        for (;;) {
+            const char* at = mBuffer + mBegin;
+            const char* const end = mBuffer + mEnd;
+            for (const char* feed; !mLineStart; mLineStart = true, at = feed + 1)
+                if (!(feed = static_cast<const char*>(std::memchr(at, '\n', size_t(end - at))))) {
+                    at = end;
+                    break;
+                }
+            while (mLineStart && size_t(end - at) >= kLook) {
+                if (matters(at)) {
+                    mBegin = size_t(at - mBuffer);
+                    return true;
+                }
+                const char* feed = static_cast<const char*>(std::memchr(at, '\n', size_t(end - at)));
+                mLineStart = feed != nullptr;
+                at = feed ? feed + 1 : end;
+            }
+            mBegin = size_t(at - mBuffer);
+            if (mAtEnd) return false;
             Refill();
         }
     }
@@ -407,6 +439,7 @@ private:
     char mBuffer[64 * 1024];
     size_t mBegin = 0, mEnd = 0;
     bool mAtEnd = false;
+    bool mLineStart = true; // mBegin is where a line begins
 };
 
 FILE* OpenPciIds(klString& path) {
@@ -447,16 +480,29 @@ void NameFromPciIds(std::vector<PciDisplayDevice>& devices) {
     bool vendorWanted = false; // device lines of other vendors are skipped unread
     klString vendorName, vendorLine, kept;
     uint32_t keptVendor = UINT32_MAX;
+    std::vector<std::string> wanted; // "\tdddd  " of the wanted vendor's devices
+    // Only vendor lines (and comments, and the device classes) are not indented; inside a
+    // wanted vendor's section only the lines of our devices matter.
+    auto matters = [&](const char* head) {
+        if (head[0] != '\t') return true;
+        for (const std::string& start : wanted)
+            if (std::memcmp(head, start.data(), ChunkedLineReader::kLook) == 0) return true;
+        return false;
+    };
     size_t unnamed = devices.size();
-    while (unnamed > 0 && reader.Next(line)) {
+    while (unnamed > 0 && reader.SkipLines(matters) && reader.Next(line)) {
         if (line.empty() || line[0] == '#') continue;
         if (line[0] != '\t') {
             if (line.size() > 1 && line[0] == 'C' && line[1] == ' ') break;
             vendorWanted = ParseIdLine(line, vendor, name) &&
                            std::any_of(devices.begin(), devices.end(),
                                        [&](const PciDisplayDevice& device) { return device.vendor == vendor; });
-            if (vendorWanted) vendorName = klString(name.data(), uint32_t(name.size()));
-            if (vendorWanted && tRecording) vendorLine = klString(line.data(), uint32_t(line.size()));
+            wanted.clear();
+            if (!vendorWanted) continue;
+            vendorName = klString(name.data(), uint32_t(name.size()));
+            if (tRecording) vendorLine = klString(line.data(), uint32_t(line.size()));
+            for (const PciDisplayDevice& device : devices)
+                if (device.vendor == vendor) wanted.push_back(klpf("\t%04x  ", device.device).Const());
             continue;
         }
         if (!vendorWanted || line.size() < 2 || line[1] == '\t' || !ParseIdLine(line.substr(1), id, name)) continue;

@@ -60,6 +60,17 @@ TEST(KlString, WritesNeverReachSharedText) {
     shared = "";
     EXPECT_EQ(nullptr, shared.Ptr());
 
+    // Copying over unshared text with room writes in place; a second holder keeps its text.
+    klString reused = Repeat('r', 40);
+    const char* block = reused.Const();
+    reused = "short";
+    EXPECT_EQ(block, reused.Const());
+    EXPECT_EQ(40u, reused.Capacity());
+    klString holder = reused;
+    reused = "other";
+    EXPECT_EQ(holder, "short");
+    EXPECT_NE(block, reused.Const());
+
     // Text taken from the string itself survives the reallocation it causes.
     klString self = "0123456789abcdefghijklmnopqrstuvwxyz";
     self = self.Const() + 1;
@@ -143,6 +154,9 @@ TEST(KlString, EditingSlicingSplittingAndJoining) {
     EXPECT_EQ(klString("012345678\nabc").GetLineAt(3), "012345678");
     EXPECT_EQ((std::vector<klString>{"a", "b"}), Split(",a,,b,", ","));
     EXPECT_EQ(Join(", ", {"a", "", "b"}), "a, , b");
+    EXPECT_EQ(Join(nullptr, {"a", "b"}), "ab");
+    EXPECT_EQ(Join(",", {"", ""}), ",");
+    EXPECT_EQ(0u, Join("", {"", ""}).Capacity()); // nothing to hold: no block
     // The whole text is reserved at once: a single heap block of the exact size.
     const std::vector<klString> long3{Repeat('a', 20), Repeat('b', 20), "c"};
     static int allocations;

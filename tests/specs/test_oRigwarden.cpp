@@ -74,6 +74,21 @@ TEST(Database, LineRules) {
     EXPECT_FALSE(adapters[5].mobile);
 }
 
+TEST(Database, IdTokensOfEveryLengthAndForm) {
+    // Up to eight bare hex digits, and everything the C runtime reads beyond that.
+    const struct {
+        const char* id;
+        uint32_t value;
+    } cases[] = {{"FFFFFFFF", 0xFFFFFFFF}, {"000010de", 0x10DE}, {"0000010DE", 0x10DE}, {"1000010DE", 0x10DE},
+                 {"-1", 0xFFFFFFFF},       {"+10de", 0x10DE},   {"10de\r", 0x10DE},  {"10dg", 0x10D},
+                 {"0x10", 0x10},           {"zz", 0}};
+    for (const auto& c : cases) {
+        auto adapters = Adapters({{c.value, 0x7}});
+        Apply(std::string(c.id) + " 7 1 2 3 D\n", adapters);
+        EXPECT_FALSE(adapters[0].notListed) << c.id;
+    }
+}
+
 TEST(Database, FirstRecordWinsAndEveryMatchingAdapterTakesIt) {
     std::vector<vsGpuInfo> adapters = Adapters({{0x10DE, 0x1}, {0x10DE, 0x1}});
     Apply("10de, 1, 3, 1920, 500, D\n10DE, 0001, 1, 800, 5, M\n", adapters);

@@ -59,6 +59,26 @@ TEST(ProbePosix, DisabledDevicesUnknownNamesAndBusOrder) {
     EXPECT_TRUE(ReadAdapters().empty());
 }
 
+TEST(ProbePosix, PciIdsLinesAreFoundAcrossTheReadBoundary) {
+    // pci.ids is read 64 KiB at a time: the vendor line, then the device line, are moved
+    // across the first boundary byte by byte, behind decoys of the same id.
+    for (size_t shift = 0; shift <= 80; ++shift) {
+        SCOPED_TRACE(shift);
+        std::string ids = "# filler\n";
+        while (ids.size() < 65000) ids += "1234  Other Vendor\n\t2684  Not this one\n\t\t10de 2684  Nor this\n";
+        const size_t vendorAt = 65536 - 80 + shift;
+        ids += "#" + std::string(vendorAt - ids.size() - 2, 'x') + "\n";
+        ids += "10de  NVIDIA Corporation\n\t\t1043 2684  sub\n\t2684  AD102 [GeForce RTX 4090]\n";
+        FakeMachine machine("boundary");
+        machine.Write("usr/share/misc/pci.ids", ids);
+        machine.AddPci("0000:01:00.0", 0x030000, 0x10de, 0x2684);
+        machine.Use();
+        const std::vector<vsGpuInfo> adapters = ReadAdapters();
+        ASSERT_EQ(1u, adapters.size());
+        EXPECT_STREQ("NVIDIA Corporation AD102 [GeForce RTX 4090]", adapters[0].name.Const());
+    }
+}
+
 TEST(ProbePosix, ProcessorSpeedSourcesInOrder) {
     FakeMachine machine("cpu");
     machine.Use();
