@@ -24,7 +24,7 @@ void InstallTerminate(bool enable) {
     if (enable) {
         std::terminate_handler previous = std::set_terminate(OnTerminate);
         if (previous != OnTerminate) gPreviousTerminate = previous;
-    } else {
+    } else if (std::get_terminate() == OnTerminate) { // a disabled reinstall keeps the host's
         std::set_terminate(gPreviousTerminate);
         gPreviousTerminate = nullptr;
     }

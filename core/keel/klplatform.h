@@ -68,4 +68,15 @@ void RaiseDebuggerReport(uint32_t code, bool continuable, const char* kind, cons
 // Flushes every stdio stream, then ends the process at once with no static destructors.
 [[noreturn]] void FlushAndExit(int code);
 
+#if defined(KEEL_COVERAGE)
+extern "C" void __gcov_dump(void);
+#endif
+// Writes a coverage build's counters now (nothing elsewhere): an exit that skips atexit,
+// or a death by signal, would lose them.
+inline void FlushCoverage() {
+#if defined(KEEL_COVERAGE)
+    __gcov_dump();
+#endif
+}
+
 } // namespace kl::platform

@@ -47,7 +47,7 @@ TEST_F(KlBlob, SmallBlobsStayInOnePoolBlockThenMoveToDoublingHeapBuckets) {
         const uint8_t* first = blob.Const();
         blob.Append(data.data() + 100, 1948);
         EXPECT_EQ(first, blob.Const());
-        blob.Append(data.data() + 2048, 1);
+        *blob.Extend(1) = uint8_t(data[2048]); // the new byte, past the old ones
         EXPECT_EQ(4096u, blob.Capacity());
         EXPECT_EQ(poolBefore, PoolInUse());
         blob.Append(data.data() + 2049, 2048);

@@ -66,6 +66,9 @@ TEST(CrashDeathTest, DisablingRestoresTheSystemDefaults) {
     EXPECT_EXIT({ disable(); std::abort(); }, testing::KilledBySignal(SIGABRT), Has(kAbortMessage, 0));
     EXPECT_EXIT({ disable(); std::terminate(); }, testing::KilledBySignal(SIGABRT), Has("TERMINATE", 0));
 #endif
+    // The host's terminate handler comes back, however often keel's was installed.
+    EXPECT_EXIT({ std::set_terminate([] { std::_Exit(7); }); Install(); disable(); std::terminate(); },
+                testing::ExitedWithCode(7), Has("TERMINATE", 0));
 }
 
 #ifndef _WIN32

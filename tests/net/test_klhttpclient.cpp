@@ -149,6 +149,7 @@ TEST(klHTTPClient, GuardsItsArguments) {
     klHTTPClient client;
     StringStream out;
     EXPECT_EQ(client.Request("GET", nullptr, &out), 400); // no URL yet: nothing sent
+    EXPECT_TRUE(client.SetContentType("text/plain; charset=utf-8")); // spaces and tabs stay allowed
     keeltest::CaptureAsserts asserts;
     EXPECT_EQ(client.Request("GET", nullptr, nullptr), 400);
     client.Request("GET", nullptr, &out, -1);

@@ -1,6 +1,7 @@
 // Linux half of the system module: the description from uname and os-release, and the
 // kill signals SIGINT, SIGTERM and SIGHUP.
 #include "keel/klsystem.h"
+#include "keel/klplatform.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -47,6 +48,7 @@ void* WatchKillSignals(void*) {
     sigemptyset(&only);
     sigaddset(&only, signo);
     pthread_sigmask(SIG_UNBLOCK, &only, nullptr); // in case the installer's mask held it
+    kl::platform::FlushCoverage();
     raise(signo);
     return nullptr;
 }

@@ -112,6 +112,7 @@ void HaltCallingThread() {
 
 void FlushAndExit(int code) {
     std::fflush(nullptr);
+    FlushCoverage();
     _exit(code);
 }
 
