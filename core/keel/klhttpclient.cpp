@@ -73,7 +73,7 @@ public:
     // A connection goes back for reuse only when nothing is left on it: bytes past a
     // body (or a body nobody announced) would be read as the next response.
     static void Release(klNetworkBuf* conn) {
-        if (conn->IsConnected() && !conn->IsIdle()) conn->Close();
+        if (!conn->IsIdle()) conn->Close();
         klXchgAdd(conn->InUseCounter(), -1);
     }
 
@@ -88,9 +88,9 @@ private:
         for (uint32_t i = 0; i < kSlots && mSlots[i]; ++i) {
             klNetworkBuf* slot = TryClaim(i);
             if (!slot) continue;
-            if (slot->Port() == port && kl::platform::StrICmp(slot->Host(), host) == 0 && slot->IsConnected()) {
+            if (slot->Port() == port && kl::platform::StrICmp(slot->Host(), host) == 0) {
                 if (slot->IsIdle()) return slot;
-                slot->Close(); // stray bytes or the server's close: unfit for another request
+                slot->Close(); // gone, or stray bytes or the server's close on it: unfit for a request
             }
             Release(slot);
         }

@@ -85,6 +85,9 @@ bool klNetworkBuf::Open(const char* host, int32_t port) {
     // A socket that could not connect stays until the next Close, Open or destruction.
     const uint32_t left = RemainingMs();
     if (left == 0 || !kl::net::Connect(mSocket, address, uint16_t(mPort), left == UINT32_MAX ? 0 : left)) return false;
+    // A peer that takes nothing for as long as a read may wait is gone too; set once here,
+    // so that no send outlasts the deadline by more than that.
+    kl::net::SetSendLimit(mSocket, std::min(left, kReceiveLimitMs));
     mConnected = true;
     ResetAreas();
     return true;
@@ -97,13 +100,10 @@ bool klNetworkBuf::IsConnected() {
 }
 
 bool klNetworkBuf::IsIdle() {
-    if (!IsConnected()) return false;
-    return gptr() == egptr() && kl::net::WaitReadable(mSocket, 0) == 0;
+    return mConnected && mSocket != kl::net::kInvalidSocket && gptr() == egptr() && kl::net::IsQuiet(mSocket);
 }
 
 void klNetworkBuf::SetDeadline(uint32_t startMs, uint32_t budgetMs) {
-    if (budgetMs == 0 && mDeadlineBudget != 0 && mSocket != kl::net::kInvalidSocket)
-        kl::net::SetSendLimit(mSocket, 0);
     mDeadlineStart = startMs;
     mDeadlineBudget = budgetMs;
 }
@@ -123,13 +123,10 @@ klNetworkBuf::int_type klNetworkBuf::overflow(int_type c) {
     size_t count = size_t(pptr() - pbase());
     if (!eof) pbase()[count++] = traits_type::to_char_type(c); // the spare byte
     const char* next = pbase();
-    // A peer that stops reading must not hold a send past the deadline either.
-    const uint32_t left = RemainingMs();
-    if (left == 0) {
+    if (RemainingMs() == 0) {
         mConnected = false;
         return traits_type::eof();
     }
-    if (mDeadlineBudget) kl::net::SetSendLimit(mSocket, left);
     while (count > 0) {
         klAssert(count <= (size_t)S32_MAX);
         const int32_t sent = kl::net::Send(mSocket, next, int32_t(count));

@@ -41,6 +41,8 @@ int WaitReadable(Socket s, uint32_t ms);
 bool IsWritable(Socket s);
 // Makes each later send give up after ms (0: wait as long as it takes).
 void SetSendLimit(Socket s, uint32_t ms);
+// Right now: writable, nothing to read (no data, no close from the peer) and no error.
+bool IsQuiet(Socket s);
 // Shuts both directions down and closes.
 void ShutdownAndClose(Socket s);
 
@@ -70,9 +72,9 @@ public:
     // Connected, with no received byte left unread and nothing (data or the peer's close)
     // waiting on the socket: only such a connection may carry another request.
     bool IsIdle();
-    // Connects, sends and reads give up once budgetMs have passed since startMs
-    // (kl::platform::Milliseconds); budgetMs 0 lifts the limit. Each read still waits
-    // kReceiveLimitMs at most.
+    // Connects and reads give up once budgetMs have passed since startMs
+    // (kl::platform::Milliseconds), and no send starts after it; budgetMs 0 lifts the
+    // limit. Each read, and each send that moves nothing, waits kReceiveLimitMs at most.
     void SetDeadline(uint32_t startMs, uint32_t budgetMs);
 
     const char* Host() const { return mHost; }

@@ -99,6 +99,11 @@ void SetSendLimit(Socket s, uint32_t ms) {
     setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
 }
 
+bool IsQuiet(Socket s) {
+    pollfd p{s, POLLIN | POLLOUT, 0};
+    return poll(&p, 1, 0) == 1 && p.revents == POLLOUT;
+}
+
 bool IsWritable(Socket s) {
     pollfd p{s, POLLOUT, 0};
     return poll(&p, 1, 0) == 1 && (p.revents & POLLOUT) && !(p.revents & (POLLERR | POLLHUP | POLLNVAL));

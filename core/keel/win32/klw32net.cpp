@@ -73,6 +73,8 @@ int WaitReadable(Socket s, uint32_t ms) { return Wait(s, false, ms); }
 
 bool IsWritable(Socket s) { return Wait(s, true, 0) == 1; }
 
+bool IsQuiet(Socket s) { return Wait(s, true, 0) == 1 && Wait(s, false, 0) == 0; }
+
 void SetSendLimit(Socket s, uint32_t ms) {
     const DWORD limit = ms;
     setsockopt(SOCKET(s), SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&limit), sizeof(limit));
