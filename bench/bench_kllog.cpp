@@ -35,6 +35,20 @@ void LogFile(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 
+// The floor under any logger that flushes every line: one finished line written and
+// flushed, with no formatting at all.
+void LogFileFloor(benchmark::State& state) {
+    FILE* file = std::fopen((BenchDir() + "/floor.log").c_str(), "w");
+    if (!file) return state.SkipWithError("cannot open the file");
+    const char line[] = "INFO  2026-11-23 05:12:18  BENCH  (01626) frame 1 took 16.667 ms in render\n";
+    for (auto _ : state) {
+        std::fwrite(line, 1, sizeof(line) - 1, file);
+        std::fflush(file);
+    }
+    std::fclose(file);
+    state.SetItemsProcessed(state.iterations());
+}
+
 void LogConsoleToFile(benchmark::State& state) {
     // stdout goes to a file for the run and comes back for the report after it.
     std::fflush(stdout);
@@ -76,5 +90,6 @@ KEEL_BENCHMARK(LogFileSpdlog)->Name("LogFile/spdlog");
 } // namespace
 
 KEEL_BENCHMARK(LogFile)->Name("LogFile/keel");
+KEEL_BENCHMARK(LogFileFloor)->Name("LogFile/floor");
 KEEL_BENCHMARK(LogConsoleToFile)->Name("LogConsoleToFile/keel");
 KEEL_BENCHMARK(LogFiltered)->Name("LogFiltered/keel");

@@ -82,8 +82,7 @@ public:
     explicit FoldedName(const char* name) : mLength(std::strlen(name)) {
         mText = mLength < sizeof(mShort) ? mShort : static_cast<char*>(klAlloc(mLength + 1));
         // Only 'A'..'Z' fold, as in klLCaseString, which keys the map.
-        for (size_t i = 0; i <= mLength; ++i)
-            mText[i] = (name[i] >= 'A' && name[i] <= 'Z') ? static_cast<char>(name[i] + ('a' - 'A')) : name[i];
+        klStringDetails::FoldAsciiLower(mText, name, mLength + 1);
     }
     ~FoldedName() {
         if (mText != mShort) klFree(mText);

@@ -97,8 +97,9 @@ private:
     // functors also take a plain view, so a lookup needs no string of its own.
     struct KeyHash {
         using is_transparent = void;
-        size_t operator()(std::string_view key) const { return klHashBytes32(key.data(), uint32_t(key.size())); }
-        size_t operator()(const klLCaseString& key) const { return klHashBytes32(key.Const(), key.Size()); }
+        // The standard library's hash takes eight bytes a step, where FNV-1a takes one.
+        size_t operator()(std::string_view key) const { return std::hash<std::string_view>()(key); }
+        size_t operator()(const klLCaseString& key) const { return (*this)(std::string_view(key.Const(), key.Size())); }
     };
     struct KeyEqual {
         using is_transparent = void;

@@ -33,6 +33,8 @@ static_assert(offsetof(SmallHeader, useCount) == 4 && offsetof(LargeHeader, useC
               "the use count sits just before the text in both forms");
 static_assert(offsetof(LargeHeader, marker) == 8,
               "the form marker shares the small capacity's slot");
+static_assert(offsetof(SmallHeader, size) == 2 && offsetof(LargeHeader, size) == 4,
+              "klStringData::Size reads the size 6 (small) or 12 (large) bytes before the text");
 
 // Bytes of text covered by one word of the word-parallel case conversion.
 constexpr uintptr_t kWordBytes = sizeof(uint64_t);
@@ -122,14 +124,22 @@ uint64_t FlipCaseInRange(uint64_t word, uint8_t first, uint8_t last) {
     return word ^ (inRange >> 2);
 }
 
-// Ordering shared by the key functors: unsigned bytes, then the shorter first.
-bool TextLess(const klString& a, const klString& b) {
-    const uint32_t common = std::min(a.Size(), b.Size());
-    const int order = std::memcmp(a.Const(), b.Const(), common);
-    return order != 0 ? order < 0 : a.Size() < b.Size();
-}
-
 } // namespace
+
+void klStringDetails::FoldAsciiLower(char* out, const char* in, size_t count) {
+    if (count < kWordBytes) {
+        for (size_t i = 0; i < count; ++i) out[i] = char(FlipCaseInRange(uint8_t(in[i]), 'A', 'Z'));
+        return;
+    }
+    // The last word may overlap the one before it: folding is the same done twice.
+    for (size_t i = 0;; i = std::min(i + kWordBytes, count - kWordBytes)) {
+        uint64_t word;
+        std::memcpy(&word, in + i, kWordBytes);
+        word = FlipCaseInRange(word, 'A', 'Z');
+        std::memcpy(out + i, &word, kWordBytes);
+        if (i == count - kWordBytes) return;
+    }
+}
 
 klSafeQueue::NodePool& klStringDetails::SmallStringPool() {
     // Never destroyed: strings in static storage may give their blocks back after the
@@ -167,16 +177,6 @@ void klStringData::Release() {
 
 uint32_t klStringData::UseCount() const {
     return mData ? klAtomicLoad(UseCountOf(mData)) : 0;
-}
-
-uint32_t klStringData::Size() const {
-    if (!mData) return 0;
-    return IsSmall(mData) ? SmallOf(mData)->size : LargeOf(mData)->size;
-}
-
-uint32_t klStringData::Capacity() const {
-    if (!mData) return 0;
-    return IsSmall(mData) ? SmallOf(mData)->stringCapacity : LargeOf(mData)->capacity;
 }
 
 void klStringData::AllocUniqueBuffer(uint32_t newSize, bool freeIfEmpty) {
@@ -475,14 +475,6 @@ bool operator==(const klString& a, const klString& b) {
 bool operator==(const klString& a, const char* b) {
     const size_t length = b ? std::strlen(b) : 0;
     return a.Size() == length && std::memcmp(a.Const(), b ? b : "", length) == 0;
-}
-
-bool klStringLessThan::operator()(const klString& a, const klString& b) const {
-    return TextLess(a, b);
-}
-
-bool klLCaseStringLessThan::operator()(const klLCaseString& a, const klLCaseString& b) const {
-    return TextLess(a, b);
 }
 
 // ---------------------------------------------------------------------------------------

@@ -16,6 +16,7 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #if defined(__GNUC__)
@@ -35,6 +36,8 @@ constexpr uint32_t smallPoolAlignment = 16;
 
 // The process-wide pool of 32-byte blocks that holds every capacity-23 string.
 klSafeQueue::NodePool& SmallStringPool();
+// Copies count bytes from in to out with 'A'..'Z' folded to lower case, eight at a time.
+void FoldAsciiLower(char* out, const char* in, size_t count);
 } // namespace klStringDetails
 
 // Owns (a share of) one string block.
@@ -56,8 +59,15 @@ public:
     void Release();
 
     uint32_t UseCount() const;
-    uint32_t Size() const;
-    uint32_t Capacity() const;
+    // Read inline from the header (layout above): every comparison and copy asks for them.
+    uint32_t Size() const {
+        if (!mData) return 0;
+        return SmallForm() ? HeaderField<uint16_t>(-6) : HeaderField<uint32_t>(-12);
+    }
+    uint32_t Capacity() const {
+        if (!mData) return 0;
+        return SmallForm() ? HeaderField<uint16_t>(-8) : HeaderField<uint32_t>(-16);
+    }
     // Leaves this holder the only owner of a buffer of at least newSize characters, with
     // size newSize. Existing text up to newSize is kept; characters past the old size are
     // the caller's to fill. With freeIfEmpty, a newSize of 0 releases the buffer.
@@ -71,6 +81,16 @@ protected:
     klStringData KeepIfInside(const char* p, const char* q = nullptr) const;
 
     char* mData = nullptr;
+
+private:
+    // The small form's capacity word is never 0; the large form keeps 0 in that slot.
+    bool SmallForm() const { return HeaderField<uint16_t>(-8) != 0; }
+    // The header field that starts offset bytes from the text.
+    template <class Field> Field HeaderField(int offset) const {
+        Field value;
+        std::memcpy(&value, mData + offset, sizeof(value));
+        return value;
+    }
 };
 
 class klString : public klStringData {
@@ -168,11 +188,18 @@ public:
 };
 
 // Orderings of text keys for ordered containers: bytes compared unsigned, then length.
+// The order of the map keys: unsigned bytes, then the shorter first. Inline, since a map
+// lookup makes several comparisons.
+inline bool klTextLess(const klString& a, const klString& b) {
+    const uint32_t sizeA = a.Size(), sizeB = b.Size();
+    const int order = std::memcmp(a.Const(), b.Const(), sizeA < sizeB ? sizeA : sizeB);
+    return order != 0 ? order < 0 : sizeA < sizeB;
+}
 struct klStringLessThan {
-    bool operator()(const klString& a, const klString& b) const;
+    bool operator()(const klString& a, const klString& b) const { return klTextLess(a, b); }
 };
 struct klLCaseStringLessThan {
-    bool operator()(const klLCaseString& a, const klLCaseString& b) const;
+    bool operator()(const klLCaseString& a, const klLCaseString& b) const { return klTextLess(a, b); }
 };
 
 // printf into a new string; output past 2047 characters is silently cut.
