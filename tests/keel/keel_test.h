@@ -1,29 +1,31 @@
-// Helpers shared by the keel tests: catching plain assertion reports, and matching the
-// stderr of death tests by substring (GoogleTest's own regex differs between platforms).
+// Helpers shared by the keel tests: catching assertion reports and log lines, temporary
+// folders, and matching the stderr of death tests by substring (GoogleTest's own regex
+// differs between platforms).
 #pragma once
 
 #include "keel/klassert.h"
 #include "keel/kllog.h"
 
-#include <cstdarg>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <random>
-
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #if !defined(_WIN32)
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <thread>
 #endif
 
 namespace keeltest {
@@ -37,12 +39,13 @@ inline constexpr int kTimeScale = 1;
 #endif
 
 // Installs a report hook for its lifetime and keeps every report: the expression text,
-// the message (or "") and the file. Single-threaded use.
+// the message (or "") and the file; Text() joins those three with '|'. Single-threaded use.
 class CaptureAsserts {
 public:
     struct Report {
         std::string expr, message, file;
         int line;
+        std::string Text() const { return expr + "|" + message + "|" + file; }
     };
     CaptureAsserts() : mSaved(klAssertReportHook) {
         sActive = this;
@@ -95,6 +98,25 @@ private:
     Needles mNeedles;
 };
 
+inline testing::Matcher<const std::string&> Has(std::string needle, int times = -1) {
+    return testing::MakeMatcher(new SubstringMatcher({{std::move(needle), times}}));
+}
+inline testing::Matcher<const std::string&> HasAll(SubstringMatcher::Needles needles) {
+    return testing::MakeMatcher(new SubstringMatcher(std::move(needles)));
+}
+
+// One row of a table of death tests: what to run, what its stderr must hold, and how the
+// process must end (an exit predicate; by default keel's death exit code).
+struct Death {
+    void (*run)();
+    SubstringMatcher::Needles stderrHas;
+    std::function<bool(int)> ends = testing::ExitedWithCode(klDeathExitCode);
+};
+inline void ExpectDeaths(const std::vector<Death>& deaths) {
+    for (size_t i = 0; i < deaths.size(); ++i)
+        EXPECT_EXIT(deaths[i].run(), deaths[i].ends, HasAll(deaths[i].stderrHas)) << "row " << i;
+}
+
 // A test with a fresh folder under the system's temporary folder, removed after it.
 class TempFolderTest : public testing::Test {
 protected:
@@ -116,15 +138,14 @@ protected:
     std::filesystem::path mDir;
 };
 
-// Replaces the default log sink for its lifetime and keeps every message, expanded,
-// one string per line. Single-threaded use.
+// Replaces the default log sink for its lifetime (the console sink comes back after) and
+// keeps every message, expanded, one string per line. Single-threaded use.
 class CaptureLog {
 public:
     CaptureLog() {
         sActive = this;
         klSetDefaultLogSink(&Sink);
     }
-    // Puts the console sink back.
     ~CaptureLog() {
         klSetDefaultLogSink(nullptr);
         sActive = nullptr;
@@ -154,13 +175,6 @@ private:
     std::vector<std::string> mLines;
     std::vector<uint32_t> mLevels;
 };
-
-inline testing::Matcher<const std::string&> Has(std::string needle, int times = -1) {
-    return testing::MakeMatcher(new SubstringMatcher({{std::move(needle), times}}));
-}
-inline testing::Matcher<const std::string&> HasAll(SubstringMatcher::Needles needles) {
-    return testing::MakeMatcher(new SubstringMatcher(std::move(needles)));
-}
 
 #if !defined(_WIN32)
 // A FIFO at path, made for its lifetime. A thread keeps opening it for writing without

@@ -5,17 +5,14 @@
 
 #include "keel_test.h"
 
-#include <atomic>
 #include <numeric>
 
 namespace {
 
 int64_t gNow = 0; // the made-up counter, in microseconds unless a test says otherwise
 std::vector<uint32_t> gSlept;
-// Which function ran in which frame; frames are counted by FrameCounter.
-std::vector<std::string> gCalls;
-int gFrame = 0;
-int gStopAfter = 3;
+std::vector<std::string> gCalls; // which function ran in which frame, as "1A"
+int gFrame = 0, gStopAfter = 3;
 
 int64_t FakeCounter() { return gNow; }
 void FakeSleep(uint32_t ms) {
@@ -62,12 +59,6 @@ struct Recorder : klEventCallback {
     void Invoke() override { gCalls.push_back(std::to_string(gFrame) + name); }
     const char* name;
 };
-std::atomic<int> gThreadFrames{0}, gFinished{0};
-void CountThreadFrames(double) { ++gThreadFrames; }
-struct Finisher : klEventCallback {
-    ~Finisher() override { gFinished += 10; }
-    void Invoke() override { gFinished += 1; }
-};
 
 } // namespace
 
@@ -86,13 +77,28 @@ TEST_F(KlEventLoop, TimerCarriesFractionsOfAMicrosecond) {
     EXPECT_DOUBLE_EQ(0.002, timer.ElapsedMilliseconds(false));
 }
 
-TEST_F(KlEventLoop, TickChangesTakeEffectNextFrameRemovalsFirst) {
+// SelfRemoving runs in the frame that removes it; A removed and added again stays; B joins
+// in the frame after it was added, behind A. Delayed callbacks go through the fatal hook,
+// then those due together fire one a frame; frame deltas here are 0, 10, 10, ...
+TEST_F(KlEventLoop, TickChangesAndDelayedCallbacksTakeEffectFrameByFrame) {
+    static std::vector<std::string> fatal;
+    const klAssertHookFn savedHook = klAssertHook;
+    klAssertHook = [](const char* expr, const char* file, int, const char* message) {
+        fatal.push_back(std::string(expr) + "|" + message + "|" + file);
+    };
+    Recorder first("first"), second("second"), later("later");
+    klPostDelayed(5.0f, &first);
+    klPostDelayed(5.0f, &second);
+    klPostDelayed(10.0f, &later); // due exactly as the first fires: only after it
+    klAssertHook = savedHook;
+    ASSERT_EQ(3u, fatal.size());
+    EXPECT_EQ("|TODO: Flesh out event system... use 'klTickFunc' otherwise|core/keel/klevent.cpp", fatal[0]);
+
     gStopAfter = 4;
-    for (klTickFunc tick : {FrameCounter, TickA, SelfRemoving, RemoveAndAddA}) klAddTickFunc(tick);
+    for (klTickFunc tick : {FrameCounter, TickA, SelfRemoving, RemoveAndAddA, Work<10>}) klAddTickFunc(tick);
     klRunEventLoop(0, nullptr);
-    // SelfRemoving runs in the frame that removes it; A removed and added again stays;
-    // B joins in the frame after it was added, behind A.
-    EXPECT_EQ(std::vector<std::string>({"1A", "1S", "2A", "2B", "3A", "3B", "4A", "4B"}), gCalls);
+    EXPECT_EQ(std::vector<std::string>({"1A", "1S", "1first", "2A", "2B", "2second", "3A", "3B", "3later", "4A", "4B"}),
+              gCalls);
     EXPECT_TRUE(gSlept.empty()); // fps 0 never sleeps
 
     gCalls.clear();
@@ -101,30 +107,6 @@ TEST_F(KlEventLoop, TickChangesTakeEffectNextFrameRemovalsFirst) {
     klAddTickFunc(FrameCounter);
     klRunEventLoop(0, nullptr); // the last loop's functions went with it
     EXPECT_TRUE(gCalls.empty());
-}
-
-TEST_F(KlEventLoop, DelayedCallbacksReachTheFatalHookAndFireOneAFrame) {
-    static std::vector<std::string> messages;
-    const klAssertHookFn savedHook = klAssertHook;
-    klAssertHook = [](const char* expr, const char* file, int, const char* message) {
-        messages.push_back(std::string(expr) + "|" + message + "|" + file);
-    };
-    Recorder first("first"), second("second"), later("later");
-    klPostDelayed(5.0f, &first);
-    klPostDelayed(5.0f, &second);
-    klPostDelayed(10.0f, &later); // due exactly in frame 1: fires only after it
-    klAssertHook = savedHook;
-    ASSERT_EQ(3u, messages.size());
-    EXPECT_EQ("|TODO: Flesh out event system... use 'klTickFunc' otherwise|core/keel/klevent.cpp",
-              messages[0]);
-
-    gStopAfter = 5;
-    klAddTickFunc(FrameCounter);
-    klAddTickFunc(Work<10>);
-    klRunEventLoop(0, nullptr);
-    // Frame deltas are 0, 10, 10, ...: both short ones expire in the same frame, and the
-    // second, moved into the erased place, waits for the next.
-    EXPECT_EQ(std::vector<std::string>({"1first", "2second", "3later"}), gCalls);
 }
 
 TEST_F(KlEventLoop, LimiterSleepsTheRestOfTheFrameOnceTheRingsFill) {
@@ -178,39 +160,30 @@ TEST_F(KlEventLoop, FrameStatisticsFoldFramesAndReport) {
     std::filesystem::remove(path);
 }
 
+// A report to standard output closes it: the tools that call it end their output so.
 TEST(KlFrameStatsDeathTest, ReportToStandardOutputClosesIt) {
-    auto report = [] {
-        klFrameStats::Reset();
+    const auto report = [] {
         klFrameStats::Report(nullptr);
         std::fprintf(stderr, "stdout %s\n", std::fputs("x", stdout) < 0 ? "closed" : "open");
         std::exit(0);
     };
-    EXPECT_EXIT(report(), testing::ExitedWithCode(0), keeltest::Has("stdout closed\n", 1));
-}
-
-TEST(KlEventThread, RunsTheLoopAndFinishesItsOwnedCallback) {
-    klStopEventLoop(false);
-    {
-        klEventThread thread(200, new Finisher);
-        EXPECT_STREQ("klThreadUnnamed", thread.GetName());
-        thread.Loop().AddTickFunc(CountThreadFrames);
-        ASSERT_TRUE(thread.Start());
-        for (int i = 0; i < 500 && gThreadFrames < 3; ++i) klSleep(10);
-        thread.WaitStop(5000);
-    }
-    EXPECT_GE(gThreadFrames.load(), 3);
-    EXPECT_EQ(11, gFinished.load()); // invoked once, then deleted
-    klStopEventLoop(false);
+    keeltest::ExpectDeaths({{report, {{"stdout closed\n", 1}}, testing::ExitedWithCode(0)}});
 }
 
 namespace {
-std::atomic<int> gHostFrames{0}, gHelperFrames{0}, gHelperFramesAtStop{0};
+std::atomic<int> gHostFrames{0}, gHelperFrames{0}, gHelperFramesAtStop{0}, gFinished{0};
 void CountHelperFrames(double) { ++gHelperFrames; }
+struct Finisher : klEventCallback {
+    ~Finisher() override { gFinished += 10; }
+    void Invoke() override { gFinished += 1; }
+};
 // At frame 5 the host runs a helper loop to completion: its stop and its end must leave
-// the host's loop, and the tick lists it is walking, alone.
+// the host's loop, and the tick lists it is walking, alone. The helper's callback is
+// invoked once when its loop ends, then deleted.
 void HostFrame(double) {
     if (++gHostFrames == 5) {
-        klEventThread helper(500);
+        klEventThread helper(500, new Finisher);
+        EXPECT_STREQ("klThreadUnnamed", helper.GetName());
         helper.Loop().AddTickFunc(CountHelperFrames);
         helper.Start();
         while (gHelperFrames < 3) klSleep(1);
@@ -229,5 +202,6 @@ TEST(KlEventThreadConcurrent, EachLoopOwnsItsTickListsAndStopFlag) {
     EXPECT_EQ(50, gHostFrames.load());
     EXPECT_GE(gHelperFramesAtStop.load(), 3);
     EXPECT_EQ(45, gHelperFrames - gHelperFramesAtStop); // host frames 6 to 50 only
+    EXPECT_EQ(11, gFinished.load());
     klStopEventLoop(false);
 }

@@ -3,22 +3,14 @@
 #include "keel/klmalloc.h"
 #include "keel/klstring.h"
 
-#include <cctype>
-#include <cstring>
-#include <thread>
-
 namespace {
-
 // A header field at offset bytes before the text (-8 is the form word in both forms).
 template <class T> T HeaderField(const klString& s, int offset) {
     T value;
     std::memcpy(&value, s.Const() + offset, sizeof(T));
     return value;
 }
-klString Repeat(char c, uint32_t n) {
-    return klString(std::string(n, c).c_str());
-}
-
+klString Repeat(char c, uint32_t n) { return klString(std::string(n, c).c_str()); }
 } // namespace
 
 TEST(KlString, CapacityAndHeaderFormAtEachBoundary) {
@@ -44,6 +36,8 @@ TEST(KlString, CapacityAndHeaderFormAtEachBoundary) {
     }
 }
 
+// Writes copy shared text first, reuse unshared room in place, and survive taking their
+// source from the string itself.
 TEST(KlString, WritesNeverReachSharedText) {
     klString a = "hello", b = a, c = a;
     b.Append(" world");
@@ -54,24 +48,18 @@ TEST(KlString, WritesNeverReachSharedText) {
     klString big = Repeat('x', 40), shared = big;
     shared.Clear(false); // shared text: a fresh smallest block instead
     EXPECT_EQ(23u, shared.Capacity());
-    const char* text = big.Const();
+    const char* block = big.Const();
     big.Clear(false); // unique now: the buffer stays
-    EXPECT_EQ(text, big.Const());
+    big = "short";
+    EXPECT_EQ(block, big.Const());
+    EXPECT_EQ(40u, big.Capacity());
+    klString holder = big;
+    big = "other";
+    EXPECT_EQ(holder, "short");
+    EXPECT_NE(block, big.Const());
     shared = "";
     EXPECT_EQ(nullptr, shared.Ptr());
 
-    // Copying over unshared text with room writes in place; a second holder keeps its text.
-    klString reused = Repeat('r', 40);
-    const char* block = reused.Const();
-    reused = "short";
-    EXPECT_EQ(block, reused.Const());
-    EXPECT_EQ(40u, reused.Capacity());
-    klString holder = reused;
-    reused = "other";
-    EXPECT_EQ(holder, "short");
-    EXPECT_NE(block, reused.Const());
-
-    // Text taken from the string itself survives the reallocation it causes.
     klString self = "0123456789abcdefghijklmnopqrstuvwxyz";
     self = self.Const() + 1;
     self.Append(self);
@@ -95,6 +83,7 @@ TEST(KlString, ConcurrentCopiesShareOneText) {
     EXPECT_EQ(original, Repeat('s', 100));
 }
 
+// A damaged header's block is leaked, not given to the wrong allocator.
 TEST(KlString, BrokenContractsAreReportedAndSurvived) {
     keeltest::CaptureAsserts capture;
     klString s = "abcd";
@@ -109,17 +98,16 @@ TEST(KlString, BrokenContractsAreReportedAndSurvived) {
     char buf[2] = {'q', 0};
     EXPECT_EQ('q', *klStrNCopy(buf, "x", 0));
     {
-        klString damaged = "abc"; // its block is leaked, not given to the wrong allocator
+        klString damaged = "abc";
         const uint16_t bogus = 5;
         std::memcpy(damaged.Ptr() - 8, &bogus, sizeof(bogus));
     }
-    EXPECT_EQ((std::vector<std::string>{
-                  "index <= Size()",
-                  "!mData || data > reinterpret_cast<const char*>(mData.bytes) + Size() || "
-                  "data + insertLen < reinterpret_cast<const char*>(mData.bytes)",
-                  "start + len <= curSize", "szOld && szNew", "szOld && szNew", "source != NULL",
-                  "splitChars != NULL", "dstBufferSize > 0",
-                  "header->stringCapacity >= klStringDetails::smallCapacitySize"}),
+    EXPECT_EQ((std::vector<std::string>{"index <= Size()",
+                                        "!mData || data > reinterpret_cast<const char*>(mData.bytes) + Size() || "
+                                        "data + insertLen < reinterpret_cast<const char*>(mData.bytes)",
+                                        "start + len <= curSize", "szOld && szNew", "szOld && szNew", "source != NULL",
+                                        "splitChars != NULL", "dstBufferSize > 0",
+                                        "header->stringCapacity >= klStringDetails::smallCapacitySize"}),
               capture.Exprs());
     EXPECT_EQ("core/keel/klstring.cpp", capture.Reports().back().file);
 }
@@ -146,8 +134,7 @@ TEST(KlString, EditingSlicingSplittingAndJoining) {
     EXPECT_EQ(-1, s.Find("[", 2));
     EXPECT_EQ(-1, klString("hello").Find("", 5));
     EXPECT_EQ(s.SubString(5, 99), "world");
-    EXPECT_TRUE(s.SubString(3, 2).IsEmpty());
-    EXPECT_TRUE(klString("   ").Trim().IsEmpty());
+    EXPECT_TRUE(s.SubString(3, 2).IsEmpty() && klString("   ").Trim().IsEmpty());
     EXPECT_EQ(klString(" a b\t\n").Trim(), "a b");
     // A line that ends exactly at position 10 keeps its line feed; one ending at 9 does not.
     EXPECT_EQ(klString("0123456789\nabc").GetLineAt(3), "0123456789\n");
@@ -169,8 +156,11 @@ TEST(KlString, EditingSlicingSplittingAndJoining) {
     EXPECT_EQ(45u, joined.Capacity());
 }
 
+// Every byte in every word lane converts as the C library's tables say; a key's copy is
+// lowered, not the shared text. Booleans: the text, then the result with default true and
+// with default false ('1' true, '0' false).
 TEST(KlString, CaseConversionAndNumbers) {
-    for (int offset = 0; offset < 9; ++offset) { // every byte in every word lane
+    for (int offset = 0; offset < 9; ++offset) {
         std::string text, upper, lower;
         for (int c = 1 + offset; c <= 200 + offset; ++c) {
             text += static_cast<char>(c);
@@ -184,12 +174,11 @@ TEST(KlString, CaseConversionAndNumbers) {
     }
     klString mixed = "MiXeD";
     EXPECT_EQ(klLCaseString(mixed), "mixed");
-    EXPECT_FALSE(mixed.IsLowerCase()); // the key's copy was lowered, not the shared text
+    EXPECT_FALSE(mixed.IsLowerCase());
     EXPECT_TRUE(mixed.EqualsNoCase("mIxEd"));
     EXPECT_STREQ("HayStack", klStrIStr("Some HayStack", "hAYs"));
     EXPECT_TRUE(klStringLessThan()(klString("b\0a", 3), klString("b\0c", 3)));
 
-    // Text, then the result with default true and with default false ('1' true, '0' false).
     const char* const cases[][2] = {{"", "10"},   {"0", "00"},    {"f", "00"},     {"T", "11"},
                                     {"t", "11"},  {"x", "10"},    {"-1", "00"},    {"12", "11"},
                                     {"00", "00"}, {"TRUE", "11"}, {"False", "00"}, {"yes", "10"}};
@@ -201,6 +190,7 @@ TEST(KlString, CaseConversionAndNumbers) {
     EXPECT_EQ(0xFFFFFFFEu, klString("-2").ToULong(10));
 }
 
+// Formatted text stops at 2047 characters; the count decides, not the terminator.
 TEST(KlString, FormattingLimits) {
     const std::string big(3000, 'y');
     EXPECT_EQ(klString(big.c_str(), 2047), klpf("%s", big.c_str()));
@@ -218,7 +208,7 @@ TEST(KlString, FormattingLimits) {
         EXPECT_EQ("buffer overflow", capture.Reports()[0].message);
     }
     klString p = "=";
-    EXPECT_EQ(3, p.AppendFormat("a%cb", 0)); // the count decides, not the terminator
+    EXPECT_EQ(3, p.AppendFormat("a%cb", 0));
     EXPECT_EQ(3, p.AppendFormatP("%2$s %1$s", "a", "b"));
     EXPECT_EQ(p, klString("=a\0bb a", 7));
 }
