@@ -60,7 +60,8 @@ void Record(const klString& path, const klString& text) {
 // A descriptor for reading path when it is a regular file, else -1. A FIFO or a device
 // at a probe path would block the read (or the open) forever, so the type is checked
 // before opening and again on what was opened, which O_NONBLOCK keeps from blocking.
-int OpenRegular(const klString& path) {
+// The stated size of what was opened goes to size when asked for.
+int OpenRegular(const klString& path, size_t* size = nullptr) {
     struct stat status;
     if (stat(path.Const(), &status) != 0 || !S_ISREG(status.st_mode)) return -1;
     int fd = open(path.Const(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -69,6 +70,7 @@ int OpenRegular(const klString& path) {
         close(fd);
         return -1;
     }
+    if (size) *size = size_t(status.st_size);
     return fd;
 }
 
@@ -76,11 +78,10 @@ int OpenRegular(const klString& path) {
 // is unreadable, no regular file or larger than kMaxProbeFileBytes. The stated size is
 // only a hint (sysfs states 4096, /proc 0), so the buffer doubles when it fills.
 bool ReadText(const klString& path, klString& text) {
-    int fd = OpenRegular(path);
+    size_t stated = 0;
+    int fd = OpenRegular(path, &stated);
     if (fd < 0) return false;
-    struct stat status;
-    size_t hint = fstat(fd, &status) == 0 ? size_t(status.st_size) + 1 : 0;
-    std::vector<char> bytes(std::min(std::max<size_t>(hint, 4096), kMaxProbeFileBytes + 1));
+    std::vector<char> bytes(std::min(std::max<size_t>(stated + 1, 4096), kMaxProbeFileBytes + 1));
     size_t used = 0;
     bool ok = true;
     for (;;) {
@@ -372,7 +373,7 @@ std::vector<PciDisplayDevice> ScanPciDisplayDevices() {
 // Reads a text file line by line in fixed chunks, so a large file is never held whole.
 class ChunkedLineReader {
 public:
-    explicit ChunkedLineReader(FILE* file) : mFile(file) {}
+    explicit ChunkedLineReader(int fd) : mFd(fd) {}
     // The next line without its line feed; false at the end. Lines longer than the
     // buffer come back cut into buffer-sized pieces.
     bool Next(std::string_view& line) {
@@ -430,27 +431,24 @@ private:
         std::memmove(mBuffer, mBuffer + mBegin, mEnd - mBegin);
         mEnd -= mBegin;
         mBegin = 0;
-        size_t got = std::fread(mBuffer + mEnd, 1, sizeof(mBuffer) - mEnd, mFile);
-        mEnd += got;
-        mAtEnd = got == 0;
+        ssize_t got;
+        do got = read(mFd, mBuffer + mEnd, sizeof(mBuffer) - mEnd);
+        while (got < 0 && errno == EINTR);
+        mEnd += got > 0 ? size_t(got) : 0;
+        mAtEnd = got <= 0; // a read error ends the file where it stands
     }
 
-    FILE* mFile;
+    int mFd;
     char mBuffer[64 * 1024];
     size_t mBegin = 0, mEnd = 0;
     bool mAtEnd = false;
     bool mLineStart = true; // mBegin is where a line begins
 };
 
-FILE* OpenPciIds(klString& path) {
-    for (const char* relative : {"usr/share/misc/pci.ids", "usr/share/hwdata/pci.ids"}) {
-        path = RootPath(relative);
-        int fd = OpenRegular(path);
-        if (fd < 0) continue;
-        if (FILE* file = fdopen(fd, "rb")) return file;
-        close(fd);
-    }
-    return nullptr;
+int OpenPciIds(klString& path) {
+    for (const char* relative : {"usr/share/misc/pci.ids", "usr/share/hwdata/pci.ids"})
+        if (int fd = OpenRegular(path = RootPath(relative)); fd >= 0) return fd;
+    return -1;
 }
 
 // Four hexadecimal digits and two blanks open every vendor and device line of pci.ids.
@@ -472,9 +470,9 @@ bool ParseIdLine(std::string_view text, uint32_t& id, std::string_view& name) {
 // A snapshot keeps only the lines that named a device, each under its vendor's line.
 void NameFromPciIds(std::vector<PciDisplayDevice>& devices) {
     klString path;
-    FILE* file = OpenPciIds(path);
-    if (!file) return;
-    ChunkedLineReader reader(file);
+    const int fd = OpenPciIds(path);
+    if (fd < 0) return;
+    ChunkedLineReader reader(fd);
     std::string_view line, name;
     uint32_t vendor = 0, id = 0;
     bool vendorWanted = false; // device lines of other vendors are skipped unread
@@ -517,7 +515,7 @@ void NameFromPciIds(std::vector<PciDisplayDevice>& devices) {
         keptVendor = vendor;
         kept << klString(line.data(), uint32_t(line.size())) << "\n";
     }
-    std::fclose(file);
+    close(fd);
     if (!kept.IsEmpty()) Record(path, kept);
 }
 
