@@ -1,6 +1,5 @@
 // "http://" paths through klFileSystem::Open and Close, against a private nginx.
 #include "keel/klfilesystem.h"
-#include "keel/kllifetime.h"
 #include "servers.h"
 
 #include <gtest/gtest.h>
@@ -20,12 +19,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
-struct KeelRunning : testing::Environment {
-    void SetUp() override { klObjectLifetimeManager::Initialize(); }
-    void TearDown() override { klObjectLifetimeManager::Shutdown(); }
-};
-testing::Environment* const g_keel = testing::AddGlobalTestEnvironment(new KeelRunning);
 
 using keelnet::Count;
 
