@@ -13,7 +13,14 @@ import os, socket, socketserver, sys, threading, time
 
 SIZE = 300000
 OLD, NEW = "Sun, 06 Nov 1994 08:49:37 GMT", "Mon, 07 Nov 1994 08:49:37 GMT"
-BODY = bytes(((i * 2654435761) >> 13) & 0xFF for i in range(SIZE))
+
+
+def pattern(n, seed=0):
+    """keelnet::Pattern(n, seed): other seeds stand for another version of a resource."""
+    return bytes((((i + seed) * 2654435761) >> 13) & 0xFF for i in range(n))
+
+
+BODY = pattern(SIZE)
 state = {"requests": 0, "changed": False, "cut": False}
 lock = threading.Lock()
 
@@ -33,7 +40,7 @@ def midclose(head, first, port):
     two thirds, a later one sent whole; a Range without the matching If-Range gets other bytes."""
     start = max(ranged_from(head), 0)
     if start and "If-Range: " + OLD not in head:
-        return reply("200 OK", [], bytes(255 - b for b in BODY)), False
+        return reply("200 OK", [], pattern(SIZE, 7)), False
     stop = SIZE // 3 if not start else 2 * SIZE // 3 if start < SIZE // 2 else SIZE
     ranged = ["Content-Range: bytes %d-%d/%d" % (start, SIZE - 1, SIZE)] if start else []
     status = "206 Partial Content" if start else "200 OK"
@@ -46,7 +53,7 @@ def changed(head, first, port):
     if head.startswith("GET") and ranged_from(head) < 0 and old:
         state["changed"] = True
         return reply("200 OK", ["Last-Modified: " + OLD], BODY[:800], 500), False
-    body = BODY[:800] if old else bytes(255 - b for b in BODY[:300])
+    body = BODY[:800] if old else pattern(300, 7)
     return reply("200 OK", ["Last-Modified: " + (OLD if old else NEW)], body, 0 if head.startswith("HEAD") else None), True
 
 

@@ -49,7 +49,7 @@ bool WriteServerFile(const TestServer& server, const char* relative, const std::
 std::string ReadWholeFile(const std::string& path); // "" when it cannot be read
 int UnusedPort(); // a loopback port on which nothing listens right now
 // For tests that play the server: a socket listening on a free loopback port (-1 on
-// failure), its next connection (-1 when none came within 5 s), and closing either.
+// failure), the connection the test has made to it, and closing either.
 int32_t ListenLoopback(int* port, int backlog = 8);
 int32_t AcceptOne(int32_t listener);
 void CloseSocket(int32_t s);

@@ -2,19 +2,13 @@
 #include "keel/klconsole.h"
 #include "keel/klfilesystem.h"
 #include "keel/klhttpclient.h"
+#include "keel/klnetworkbuf.h"
+#include "keel/klplatform.h"
 #include "keel/klsystem.h"
 #include "servers.h"
 #include "../keel/keel_test.h"
 
 #include <gtest/gtest.h>
-
-#ifndef _WIN32
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-#endif
 
 #include <atomic>
 #include <chrono>
@@ -27,30 +21,15 @@
 
 namespace {
 
-// A growable response or request body.
-struct StringStream : klStream {
-    explicit StringStream(std::string text = "") : data(std::move(text)) {}
-    uint32_t Write(const void* bytes, uint32_t count) override {
-        data.resize(std::max<size_t>(data.size(), pos + count));
-        std::memcpy(&data[pos], bytes, count);
-        return pos += count, count;
+// A response collected in a klString.
+struct Sink : klStringStream {
+    Sink() : klStringStream(&text) {}
+    std::string data() const { return std::string(text.Const(), text.Size()); }
+    void Reset() {
+        text.Clear(false);
+        Seek(klSeekStart, 0);
     }
-    uint32_t Read(void* bytes, uint32_t count) override {
-        const uint32_t n = pos >= data.size() ? 0 : uint32_t(data.copy(static_cast<char*>(bytes), count, pos));
-        return pos += n, n;
-    }
-    void Seek(int origin, int32_t offset) override {
-        pos = uint32_t(origin == klSeekEnd ? data.size() + offset : origin == klSeekCurrent ? pos + offset : offset);
-    }
-    void Reserve(uint32_t) override {}
-    uint32_t Tell() override { return pos; }
-    bool Truncate(uint32_t size) override {
-        data.resize(std::min<size_t>(data.size(), size));
-        pos = std::min<uint32_t>(pos, size);
-        return true;
-    }
-    std::string data;
-    uint32_t pos = 0;
+    klString text;
 };
 
 double SecondsSince(std::chrono::steady_clock::time_point start) {
@@ -140,7 +119,7 @@ TEST(klHTTPClient, ReadsResponseHeads) {
 
 TEST(klHTTPClient, GuardsItsArguments) {
     klHTTPClient client;
-    StringStream out;
+    Sink out;
     EXPECT_EQ(client.Request("GET", nullptr, &out), 400); // no URL yet: nothing sent
     EXPECT_TRUE(client.SetContentType("text/plain; charset=utf-8")); // spaces and tabs stay allowed
     keeltest::CaptureAsserts asserts;
@@ -152,7 +131,7 @@ TEST(klHTTPClient, GuardsItsArguments) {
 
 // Each way a request can find no server ends at 400 with its failure and message, within
 // an 800 ms time limit. On Linux a listener with backlog 0 that accepts nothing leaves
-// further connects hanging once one or two wait in its queue; one with room that never
+// further connects hanging once the fillers wait in its queue; one with room that never
 // reads leaves an upload hanging.
 TEST(klHTTPClient, RequestsWithoutAServerEndInTime) {
     int hanging = 0, deaf = 0;
@@ -175,21 +154,18 @@ TEST(klHTTPClient, RequestsWithoutAServerEndInTime) {
         {"127.0.0.1:" + std::to_string(deaf), 64 << 20, klHTTPFailure::TimeLimit, "", 1.5},
     };
 #ifndef _WIN32
-    std::vector<int> fillers(4);
-    for (int& s : fillers) {
-        s = socket(AF_INET, SOCK_STREAM, 0);
-        fcntl(s, F_SETFL, O_NONBLOCK);
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(uint16_t(hanging));
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connect(s, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+    klNetworkBuf fillers[3];
+    for (klNetworkBuf& filler : fillers) {
+        filler.SetDeadline(kl::platform::Milliseconds(), 300);
+        filler.Open("127.0.0.1", hanging);
     }
 #endif
     for (const Row& row : rows) {
         SCOPED_TRACE(row.host);
         klHTTPClient client;
-        StringStream body(std::string(row.upload, 'x')), out;
+        std::string upload(row.upload, 'x');
+        klBufferStream body(upload.data(), uint32_t(upload.size()));
+        Sink out;
         client.SetTimeLimit(800);
         ASSERT_TRUE(client.SetURL(("http://" + row.host + "/").c_str()));
         const auto start = std::chrono::steady_clock::now();
@@ -199,9 +175,6 @@ TEST(klHTTPClient, RequestsWithoutAServerEndInTime) {
         EXPECT_LT(SecondsSince(start), row.maxSeconds);
         EXPECT_EQ(client.Failure(), row.failure);
     }
-#ifndef _WIN32
-    for (int s : fillers) close(s);
-#endif
     keelnet::CloseSocket(full);
     keelnet::CloseSocket(quiet);
 }
@@ -214,13 +187,13 @@ protected:
         ASSERT_TRUE(keelnet::WriteServerFile(server, "chain.txt", "end of chain"));
     }
     int32_t Get(const char* path, int32_t redirects = 5) {
-        out = StringStream();
+        out.Reset();
         EXPECT_TRUE(client.SetURL(server.Url(path).c_str()));
         return client.Request("GET", nullptr, &out, redirects);
     }
     keelnet::TestServer server;
     klHTTPClient client;
-    StringStream out;
+    Sink out;
     const std::string body = Pattern(100000);
 };
 
@@ -230,7 +203,7 @@ TEST_F(klHTTPClientNginx, FollowsOnly301AndOnlyToTheLimit) {
     EXPECT_EQ(std::string(client.GetURL()), server.Url("/chain/4"));
 
     EXPECT_EQ(Get("/chain/0", 11), 200);
-    EXPECT_EQ(out.data, "end of chain");
+    EXPECT_EQ(out.data(), "end of chain");
     EXPECT_EQ(std::string(client.GetURL()), server.Url("/chain.txt"));
     EXPECT_EQ(Get("/found"), 302);
     EXPECT_EQ(std::string(client.GetURL()), server.Url("/found"));
@@ -238,12 +211,13 @@ TEST_F(klHTTPClientNginx, FollowsOnly301AndOnlyToTheLimit) {
 }
 
 TEST_F(klHTTPClientNginx, PutsABody) {
-    StringStream upload(Pattern(70000));
+    std::string bytes = Pattern(70000);
+    klBufferStream upload(bytes.data(), uint32_t(bytes.size()));
     upload.Seek(klSeekStart, 123); // measured from its end, sent from its start
     client.SetContentType("application/octet-stream");
     ASSERT_TRUE(client.SetURL(server.Url("/up/file.bin").c_str()));
     EXPECT_EQ(client.Request("PUT", &upload, &out), 201);
-    EXPECT_EQ(keelnet::ReadWholeFile(server.root + "/up/file.bin"), upload.data);
+    EXPECT_EQ(keelnet::ReadWholeFile(server.root + "/up/file.bin"), bytes);
 }
 
 TEST_F(klHTTPClientNginx, ConcurrentClientsShareThePool) {
@@ -255,8 +229,8 @@ TEST_F(klHTTPClientNginx, ConcurrentClientsShareThePool) {
             klHTTPClient mine;
             mine.SetURL(server.Url("/data.bin").c_str());
             for (int i = 0; i < kRequests; ++i) {
-                StringStream sink;
-                if (mine.Request("GET", nullptr, &sink, 5, i, i + 99) == 206 && sink.data == body.substr(i, 100))
+                Sink sink;
+                if (mine.Request("GET", nullptr, &sink, 5, i, i + 99) == 206 && sink.data() == body.substr(i, 100))
                     ++good;
             }
         });
@@ -269,7 +243,7 @@ TEST(klHTTPClientFaults, WritesTheRequestAsDocumented) {
     keelnet::TestServer server;
     if (!keelnet::StartFaultServer(&server, "basic")) GTEST_SKIP() << "python3 is not installed or did not start";
     klHTTPClient client;
-    StringStream out;
+    Sink out;
     EXPECT_TRUE(client.SetCookie("id=42"));
     // Line breaks would forge header lines: refused, the old values stay.
     EXPECT_FALSE(client.SetCookie("a=1\nX-Injected: yes"));
@@ -278,7 +252,7 @@ TEST(klHTTPClientFaults, WritesTheRequestAsDocumented) {
     EXPECT_EQ(client.Request("GET /x HTTP/1.0\n", nullptr, &out), 400);
     EXPECT_EQ(client.Failure(), klHTTPFailure::Refused);
     EXPECT_EQ(client.Request("GET", nullptr, &out), 200);
-    EXPECT_EQ(out.data, "hello");
+    EXPECT_EQ(out.data(), "hello");
     EXPECT_EQ(client.LastModified(), 784111777);
     EXPECT_EQ(client.Date(), 784111777);
     EXPECT_EQ(server.RequestLog(), std::string("CONNECT\nGET /file HTTP/1.0\nAccept: */*\nAccept-Language: en-us\n") +
@@ -291,8 +265,6 @@ TEST(klHTTPClientFaults, WritesTheRequestAsDocumented) {
 TEST(klHTTPClientFaults, EachMisbehaviourEndsAsDocumented) {
     const std::string ifRange = "\nIf-Range: Sun, 06 Nov 1994 08:49:37 GMT\n\n";
     constexpr klHTTPFailure None = klHTTPFailure::None, Incomplete = klHTTPFailure::Incomplete;
-    std::string newer = Pattern(300);
-    for (char& c : newer) c = char(255 - static_cast<unsigned char>(c));
     struct Row {
         const char* scenario;
         const char* request; // method and path
@@ -323,7 +295,7 @@ TEST(klHTTPClientFaults, EachMisbehaviourEndsAsDocumented) {
          {{"GET /file", 4}, {"Range: bytes=400-", 3}}},
         {"norange", "GET /file", -1, 0, 400, Incomplete, Pattern(400), 0, 3.0, "", nullptr, {{"GET /file", 4}}},
         // The resource changed under a resume: the answer holds the new body alone.
-        {"changed", "GET /file", -1, 0, 200, None, newer, 0, 3.0, "", nullptr, {{"Range: bytes=500-" + ifRange, 1}}},
+        {"changed", "GET /file", -1, 0, 200, None, Pattern(300, 7), 0, 3.0, "", nullptr, {{"Range: bytes=500-" + ifRange, 1}}},
         {"relative", "GET /a/b/start", -1, 0, 200, None, "hello", 0, 60, "", "/final?x=1", {{"GET /a/c/hop ", 1}}},
         // Bytes left on a kept-alive connection (past Content-Length, a HEAD answer's body, a
         // body without a length): the connection is not reused (below).
@@ -339,14 +311,14 @@ TEST(klHTTPClientFaults, EachMisbehaviourEndsAsDocumented) {
         const std::string path = request.substr(method.size() + 1);
         klHTTPClient client;
         client.SetTimeLimit(row.limitMs);
-        StringStream out;
+        Sink out;
         ASSERT_TRUE(client.SetURL(server.Url(path.c_str()).c_str()));
         const auto start = std::chrono::steady_clock::now();
         testing::internal::CaptureStdout();
         EXPECT_EQ(client.Request(method.c_str(), nullptr, &out, 5, 0, row.last), row.status);
         const std::string printed = testing::internal::GetCapturedStdout();
         EXPECT_EQ(client.Failure(), row.failure);
-        EXPECT_TRUE(out.data == row.body) << out.data.size() << " bytes";
+        EXPECT_TRUE(out.data() == row.body) << out.data().size() << " bytes";
         EXPECT_GE(SecondsSince(start), row.minSeconds);
         EXPECT_LT(SecondsSince(start), row.maxSeconds);
         EXPECT_EQ(printed.rfind(row.printed, 0), 0u) << printed;
@@ -354,8 +326,9 @@ TEST(klHTTPClientFaults, EachMisbehaviourEndsAsDocumented) {
         for (const auto& [needle, times] : row.logged) EXPECT_EQ(Count(server.RequestLog(), needle), times) << needle;
         if (std::string(row.scenario) != "leftovers") continue;
         ASSERT_TRUE(client.SetURL(server.Url("/file").c_str()));
-        EXPECT_EQ(client.Request("GET", nullptr, &(out = StringStream())), 200);
-        EXPECT_EQ(out.data, "hello");
+        out.Reset();
+        EXPECT_EQ(client.Request("GET", nullptr, &out), 200);
+        EXPECT_EQ(out.data(), "hello");
         EXPECT_EQ(Count(server.RequestLog(), "CONNECT\n"), 2u);
     }
 }
@@ -384,9 +357,9 @@ TEST(klHTTPClientRealServers, BothFramings) {
             klHTTPClient client;
             client.SetFraming(framing);
             client.SetCookie("id=42");
-            StringStream out;
+            Sink out;
             auto get = [&](const std::string& url, const char* method = "GET", int64_t first = 0, int64_t last = -1) {
-                out = StringStream();
+                out.Reset();
                 EXPECT_TRUE(client.SetURL(url.c_str()));
                 return client.Request(method, nullptr, &out, 5, first, last);
             };
@@ -395,17 +368,17 @@ TEST(klHTTPClientRealServers, BothFramings) {
                 continue;
             }
             EXPECT_EQ(get(server.Url("/data.bin")), 200);
-            EXPECT_TRUE(out.data == body);
+            EXPECT_TRUE(out.data() == body);
             EXPECT_EQ(client.ContentLength(), 100000);
             EXPECT_NEAR(double(client.LastModified()), double(std::time(nullptr) - 3600), 60);
             EXPECT_NEAR(double(client.Date()), double(std::time(nullptr)), 60);
             EXPECT_EQ(get(server.Url("/data.bin"), "HEAD"), 200);
             EXPECT_EQ(client.ContentLength(), 100000);
-            EXPECT_EQ(out.data, "");
+            EXPECT_EQ(out.data(), "");
             EXPECT_EQ(get(server.Url("/data.bin"), "GET", 10, 19), 206);
-            EXPECT_EQ(out.data, body.substr(10, 10));
+            EXPECT_EQ(out.data(), body.substr(10, 10));
             EXPECT_EQ(get(server.Url("/data.bin"), "GET", 99990), 206); // open range
-            EXPECT_EQ(out.data, body.substr(99990));
+            EXPECT_EQ(out.data(), body.substr(99990));
             EXPECT_EQ(get(server.Url("/missing")), 404);
             EXPECT_EQ(get(server.Url("/old")), 200);
             EXPECT_EQ(std::string(client.GetURL()), server.Url("/data.bin"));
@@ -416,7 +389,7 @@ TEST(klHTTPClientRealServers, BothFramings) {
             keelnet::TestServer proxy;
             if (!keelnet::StartFaultServer(&proxy, "cutproxy", server.port)) GTEST_SKIP() << "python3 did not start";
             EXPECT_EQ(get(proxy.Url("/data.bin")), 206);
-            EXPECT_TRUE(out.data == body) << out.data.size();
+            EXPECT_TRUE(out.data() == body) << out.data().size();
             EXPECT_EQ(Count(proxy.RequestLog(), "If-Range: "), 1u);
 
             klSetCvar("http_standard_framing", framing == klHTTPFraming::Standard ? "1" : "0");
