@@ -38,6 +38,7 @@ TEST(klNetworkBuf, PortRulesAndLookups) {
         {"127.0.0.1:-1", -1, false, 80, 0},
         {"127.0.0.1", -1, false, 80, 0},
         {std::string(300, '1'), server.port, false, uint32_t(server.port), 0}, // a dotted text that is no address
+        {"127.0.0.2", server.port, false, uint32_t(server.port), 0}, // listening on 127.0.0.1 alone
     };
     klNetworkBuf buf; // each Open replaces the connection before it
     for (const Row& row : rows) {

@@ -1,13 +1,13 @@
 // "http://" paths through klFileSystem::Open and Close, against nginx and the fault server.
 #include "keel/klfilesystem.h"
 #include "servers.h"
+#include "../keel/keel_test.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <thread>
 #include <vector>
 
@@ -41,22 +41,18 @@ bool WriteUrl(const std::string& url, const char* mode, const std::string& bytes
 }
 
 // Every test's local folder (and so its cache) lies in a fresh temporary folder.
-class KlNetworkCache : public testing::Test {
+class KlNetworkCache : public keeltest::TempFolderTest {
 protected:
-    static void SetUpTestSuite() {
-        sDir = fs::temp_directory_path() / ("klnc-" + std::to_string(std::random_device()()));
-        klFileSystem::SetLogDir((sDir / "local").string().c_str());
-    }
-    static void TearDownTestSuite() {
-        std::error_code ignored;
-        fs::remove_all(sDir, ignored);
-    }
     void SetUp() override {
+        TempFolderTest::SetUp();
+        klFileSystem::SetLogDir(Path("local").c_str());
         if (!keelnet::StartNginx(&mServer)) GTEST_SKIP() << "nginx is not available";
     }
-    static inline fs::path sDir;
     keelnet::TestServer mServer;
 };
+
+// Threads racing for the local folder's first use.
+using KlNetworkCacheConcurrent = keeltest::TempFolderTest;
 
 } // namespace
 
@@ -96,9 +92,9 @@ TEST_F(KlNetworkCache, WrittenAndAppendedFilesAreUploaded) {
     FILE* fp = klFileSystem::Open(mServer.Url("/up/moved.bin").c_str(), "wb");
     ASSERT_NE(nullptr, fp);
     std::fputs("opened here", fp);
-    klFileSystem::SetLogDir((sDir / "elsewhere").string().c_str());
+    klFileSystem::SetLogDir(Path("elsewhere").c_str());
     klFileSystem::Close(fp);
-    klFileSystem::SetLogDir((sDir / "local").string().c_str());
+    klFileSystem::SetLogDir(Path("local").c_str());
     EXPECT_EQ("opened here", keelnet::ReadWholeFile(mServer.root + "/up/moved.bin"));
 }
 
@@ -122,7 +118,7 @@ TEST_F(KlNetworkCache, FailuresEndTheOpenInBoundedTime) {
         EXPECT_EQ("<failed>", ReadUrl(mServer.Url(path))) << path;
     }
     EXPECT_EQ(0u, Count(mServer.AccessLog(), "escape"));
-    for (const auto& entry : fs::recursive_directory_iterator(sDir))
+    for (const auto& entry : fs::recursive_directory_iterator(mDir))
         EXPECT_EQ(std::string::npos, entry.path().string().find("escape")) << entry.path();
 }
 
@@ -181,15 +177,13 @@ TEST_F(KlNetworkCache, FoldersAndLastingFaults) {
 // Several threads opening their first URLs at once all default the local folder: in a
 // fresh process (the death-test child), the first use races unless it is made once. Under
 // an emulator the child is forked instead, from a process that runs only this test.
-TEST(KlNetworkCacheConcurrent, FirstUseOfTheLocalFolder) {
+TEST_F(KlNetworkCacheConcurrent, FirstUseOfTheLocalFolder) {
 #ifndef KEEL_TEST_UNDER_EMULATOR
     GTEST_FLAG_SET(death_test_style, "threadsafe");
 #endif
-    const fs::path dir = fs::temp_directory_path() / ("klnc-first-" + std::to_string(std::random_device()()));
-    fs::create_directories(dir);
     EXPECT_EXIT(
         {
-            klFileSystem::SetCurrentDir(dir.string().c_str());
+            klFileSystem::SetCurrentDir(mDir.string().c_str());
             std::vector<std::thread> threads;
             std::vector<std::string> seen(8);
             for (std::string& mine : seen)
@@ -200,6 +194,4 @@ TEST(KlNetworkCacheConcurrent, FirstUseOfTheLocalFolder) {
             std::exit(same ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
-    std::error_code ignored;
-    fs::remove_all(dir, ignored);
 }
