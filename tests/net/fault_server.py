@@ -1,50 +1,50 @@
 #!/usr/bin/env python3
 """A misbehaving HTTP server for the network tests (standard library only).
 
-  fault_server.py SCENARIO [LOGFILE] [--upstream PORT]  prints its port, serves until stdin closes
-  fault_server.py SCENARIO LOGFILE --portfile F         detaches, writes "port pid" to F
-  fault_server.py --stop F                              ends the detached one
+  fault_server.py SCENARIO LOGFILE --portfile F [--upstream PORT] [--detach]
+  fault_server.py --stop F
 
-Every request head is appended raw to LOGFILE, each connection's first one after a line
-"CONNECT". Scenarios: see SCENARIOS below; "midclose" serves BODY_SIZE bytes of pattern()
-and breaks the first answer off after a third, a resumed one (Range + matching If-Range)
-after two thirds, then sends the rest; a Range without the matching If-Range gets a
-different body. "cutproxy" forwards each request to 127.0.0.1:PORT and cuts the first
-answer with a body off halfway.
+Writes "port pid" to F, then serves until SIGTERM or, unless detached, until the program
+that started it is gone; --stop ends a detached one. Every request head is appended raw to
+LOGFILE, a connection's first after a line "CONNECT". SCENARIOS is the table of
+misbehaviours, one per process.
 """
-import os, socketserver, sys, threading, time
+import os, socket, socketserver, sys, threading, time
 
-BODY_SIZE = 300000
-LAST_MODIFIED = "Sun, 06 Nov 1994 08:49:37 GMT"
-BODY = bytes(((i * 2654435761) >> 13) & 0xFF for i in range(BODY_SIZE))
-NEWER = "Mon, 07 Nov 1994 08:49:37 GMT"
+SIZE = 300000
+OLD, NEW = "Sun, 06 Nov 1994 08:49:37 GMT", "Mon, 07 Nov 1994 08:49:37 GMT"
+
+
+def pattern(n, seed=0):
+    """keelnet::Pattern(n, seed): other seeds stand for another version of a resource."""
+    return bytes((((i + seed) * 2654435761) >> 13) & 0xFF for i in range(n))
+
+
+BODY = pattern(SIZE)
 state = {"requests": 0, "changed": False, "cut": False}
 lock = threading.Lock()
 
 
-def reply(status, headers, body=b""):
+def reply(status, headers=(), body=b"", sent=None):
+    """A response that announces len(body) bytes and sends the first `sent` of them."""
     head = "HTTP/1.1 %s\r\n%sContent-Length: %d\r\n\r\n" % (status, "".join(h + "\r\n" for h in headers), len(body))
-    return head.encode() + body
-
-
-def midclose(head, first, port):
-    start, stop, status = 0, BODY_SIZE // 3, "200 OK\r\n"
-    if "Range: bytes=" in head:
-        if "If-Range: " + LAST_MODIFIED not in head:
-            return reply("200 OK", [], bytes(255 - b for b in BODY)), False
-        start = int(head.split("Range: bytes=")[1].split("-")[0])
-        stop = 2 * BODY_SIZE // 3 if start < BODY_SIZE // 2 else BODY_SIZE
-        status = "206 Partial Content\r\nContent-Range: bytes %d-%d/%d\r\n" % (start, BODY_SIZE - 1, BODY_SIZE)
-    head = "HTTP/1.1 %sLast-Modified: %s\r\nContent-Length: %d\r\n\r\n" % (status, LAST_MODIFIED, BODY_SIZE - start)
-    return head.encode() + BODY[start:stop], stop == BODY_SIZE
-
-
-def basic(head, first, port):
-    return reply("200 OK", ["Last-Modified: " + LAST_MODIFIED, "Date: " + LAST_MODIFIED], b"hello"), True
+    return head.encode() + body[:sent]
 
 
 def ranged_from(head):
     return int(head.split("Range: bytes=")[1].split("-")[0]) if "Range: bytes=" in head else -1
+
+
+def midclose(head, first, port):
+    """SIZE bytes broken off after a third, a resume (Range and the matching If-Range) after
+    two thirds, a later one sent whole; a Range without the matching If-Range gets other bytes."""
+    start = max(ranged_from(head), 0)
+    if start and "If-Range: " + OLD not in head:
+        return reply("200 OK", [], pattern(SIZE, 7)), False
+    stop = SIZE // 3 if not start else 2 * SIZE // 3 if start < SIZE // 2 else SIZE
+    ranged = ["Content-Range: bytes %d-%d/%d" % (start, SIZE - 1, SIZE)] if start else []
+    status = "206 Partial Content" if start else "200 OK"
+    return reply(status, ranged + ["Last-Modified: " + OLD], BODY[start:], stop - start), stop == SIZE
 
 
 def changed(head, first, port):
@@ -52,31 +52,25 @@ def changed(head, first, port):
     old = not state["changed"]
     if head.startswith("GET") and ranged_from(head) < 0 and old:
         state["changed"] = True
-        return b"HTTP/1.1 200 OK\r\nLast-Modified: %s\r\nContent-Length: 800\r\n\r\n" % LAST_MODIFIED.encode() + BODY[:500], False
-    body = BODY[:800] if old else bytes(255 - b for b in BODY[:300])
-    out = reply("200 OK", ["Last-Modified: " + (LAST_MODIFIED if old else NEWER)], body)
-    return (out.split(b"\r\n\r\n")[0] + b"\r\n\r\n" if head.startswith("HEAD") else out), True
+        return reply("200 OK", ["Last-Modified: " + OLD], BODY[:800], 500), False
+    body = BODY[:800] if old else pattern(300, 7)
+    return reply("200 OK", ["Last-Modified: " + (OLD if old else NEW)], body, 0 if head.startswith("HEAD") else None), True
 
 
 def stuck(head, first, port, honour_range=True):
     """1000 bytes announced; every answer breaks off at byte 400 of the resource."""
     start = max(ranged_from(head), 0) if honour_range else 0
-    status = "206 Partial Content" if start else "200 OK"
-    out = "HTTP/1.1 %s\r\nLast-Modified: %s\r\nContent-Length: %d\r\n\r\n" % (status, LAST_MODIFIED, 1000 - start)
-    if head.startswith("HEAD"):
-        return out.encode(), True
-    return out.encode() + BODY[start:400], False
+    status, sent = "206 Partial Content" if start else "200 OK", 0 if head.startswith("HEAD") else 400 - start
+    return reply(status, ["Last-Modified: " + OLD], BODY[start:1000], sent), head.startswith("HEAD")
 
 
 def leftovers(head, first, port):
-    """Answers that leave bytes on a kept-alive connection, by request; others get hello."""
-    if head.startswith("HEAD"):
-        return reply("200 OK", [], b"hello"), True  # a body on a HEAD answer
+    """Bytes left on a kept-alive connection: a second response after the first, a body
+    without a length, a body on a HEAD answer."""
+    hello = reply("200 OK", [], b"hello")
     if head.startswith("GET /more "):
-        return reply("200 OK", [], b"hello") + b"HTTP/1.1 400 Stale\r\nContent-Length: 0\r\n\r\n", True
-    if head.startswith("GET /nolength "):
-        return b"HTTP/1.1 200 OK\r\n\r\nhello", True
-    return reply("200 OK", [], b"hello"), True
+        return hello + b"HTTP/1.1 400 Stale\r\nContent-Length: 0\r\n\r\n", True
+    return (b"HTTP/1.1 200 OK\r\n\r\nhello" if head.startswith("GET /nolength ") else hello), True
 
 
 def relative(head, first, port):
@@ -85,53 +79,37 @@ def relative(head, first, port):
     path = head.split(" ")[1]
     if path in hops:
         return reply("301 Moved Permanently", ["Location: " + hops[path]]), True
-    return (reply("200 OK", [], b"hello"), True) if path == "/final?x=1" else (reply("404 Not Found", []), True)
-
-
-def read_response(sock, method):
-    """One whole response from sock: head, and the body its Content-Length announces."""
-    data = b""
-    while b"\r\n\r\n" not in data:
-        chunk = sock.recv(65536)
-        if not chunk:
-            return data
-        data += chunk
-    head = data[:data.index(b"\r\n\r\n") + 4].decode("latin-1")
-    length = 0 if method == "HEAD" else int(([l for l in head.split("\r\n") if l.lower().startswith("content-length:")] or ["x: 0"])[0].split(":")[1])
-    while len(data) < len(head) + length:
-        chunk = sock.recv(65536)
-        if not chunk:
-            break
-        data += chunk
-    return data
+    return (reply("200 OK", [], b"hello") if path == "/final?x=1" else reply("404 Not Found")), True
 
 
 def cutproxy(head, first, port):
-    import socket
+    """Forwards to the upstream port, one connection per request, and cuts the first answer
+    with a body of more than 1000 bytes off halfway."""
     with socket.create_connection(("127.0.0.1", state["upstream"])) as up:
-        up.sendall(head.encode("latin-1"))
-        out = read_response(up, head.split(" ")[0])
-    body_at = out.index(b"\r\n\r\n") + 4 if b"\r\n\r\n" in out else len(out)
+        up.sendall(head.replace("Connection: Keep-Alive", "Connection: close").encode("latin-1"))
+        out = b"".join(iter(lambda: up.recv(65536), b""))
+    body_at = out.find(b"\r\n\r\n") + 4
     if not state["cut"] and len(out) - body_at > 1000:
         state["cut"] = True
         return out[:body_at + (len(out) - body_at) // 2], False
     return out, True
 
 
-def silentonce(head, first, port):  # the first request gets 3 s of silence
-    return (time.sleep(3) or b"", False) if first else basic(head, first, port)
+def basic(head, first, port):
+    return reply("200 OK", ["Last-Modified: " + OLD, "Date: " + OLD], b"hello"), True
 
 
-# name -> (head, is first request, port) -> (bytes to send, whether the connection stays open)
+# name -> (request head, whether it is the server's first request, port)
+#      -> (bytes to send, whether the connection stays open)
 SCENARIOS = {
     "basic": basic,
     "midclose": midclose,
-    "silentonce": silentonce,
+    "silentonce": lambda h, f, p: (time.sleep(3) or b"", False) if f else basic(h, f, p),  # 3 s of silence first
     "overrange": lambda h, f, p: (reply("206 Partial Content", [], b"x" * 5000), True),  # 5000 whatever the range
     "longheader": lambda h, f, p: (reply("200 OK", ["X-Filler: " + "a" * 10000], b"hello"), True),
     "longlocation": lambda h, f, p: (reply("301 Moved", ["Location: http://127.0.0.1:%d/%s" % (p, "x" * 2000)]), True),
     "garbage": lambda h, f, p: (b"GARBAGE STATUS\r\nContent-Length: 5\r\n\r\nhello", False),
-    "dropbody": lambda h, f, p: (b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n", False),  # announced, never sent
+    "dropbody": lambda h, f, p: (reply("200 OK", [], BODY[:1000], 0), False),  # announced, never sent
     "changed": changed,
     "stuck": stuck,
     "norange": lambda h, f, p: stuck(h, f, p, honour_range=False),
@@ -143,8 +121,7 @@ SCENARIOS = {
 
 class Handler(socketserver.BaseRequestHandler):
     def handle(self):
-        data = b""
-        fresh = True
+        data, fresh = b"", True
         while True:
             while b"\n\n" not in data.replace(b"\r\n", b"\n"):
                 chunk = self.request.recv(65536)
@@ -156,9 +133,8 @@ class Handler(socketserver.BaseRequestHandler):
             with lock:  # counted per request: the tests' start-up probe connects and sends nothing
                 state["requests"] += 1
                 first = state["requests"] == 1
-                if self.server.log:
-                    with open(self.server.log, "a", encoding="latin-1") as log:
-                        log.write(("CONNECT\n" if fresh else "") + head)
+                with open(self.server.log, "a", encoding="latin-1") as log:
+                    log.write(("CONNECT\n" if fresh else "") + head)
             fresh = False
             out, keep = SCENARIOS[self.server.scenario](head, first, self.server.server_address[1])
             self.request.sendall(out)
@@ -166,42 +142,34 @@ class Handler(socketserver.BaseRequestHandler):
                 return
 
 
-def detach(portfile, port):
-    """Returns in the child; the parent exits once the child has written the file."""
-    if os.path.exists(portfile):
-        os.remove(portfile)
-    if os.fork():
-        for _ in range(100):
-            if os.path.exists(portfile):
-                sys.exit(0)
-            time.sleep(0.1)
-        sys.exit(1)
-    os.setsid()
-    quiet = os.open(os.devnull, os.O_RDWR)
-    for fd in (0, 1, 2):
-        os.dup2(quiet, fd)
-    with open(portfile + ".tmp", "w") as f:
-        f.write("%d %d\n" % (port, os.getpid()))
-    os.replace(portfile + ".tmp", portfile)
+def orphaned(parent):
+    while os.getppid() == parent:
+        time.sleep(0.2)
+    os._exit(0)
 
 
 def main():
-    if sys.argv[1] == "--stop":
-        os.kill(int(open(sys.argv[2]).read().split()[1]), 15)
+    args = sys.argv
+    if args[1] == "--stop":
+        os.kill(int(open(args[2]).read().split()[1]), 15)
         return
     socketserver.ThreadingTCPServer.daemon_threads = True
     server = socketserver.ThreadingTCPServer(("127.0.0.1", 0), Handler)
-    server.scenario = sys.argv[1]
-    server.log = sys.argv[2] if len(sys.argv) > 2 and sys.argv[2] else None
-    if "--upstream" in sys.argv:
-        state["upstream"] = int(sys.argv[sys.argv.index("--upstream") + 1])
-    port = server.server_address[1]
-    if "--portfile" in sys.argv:
-        detach(sys.argv[sys.argv.index("--portfile") + 1], port)
+    server.scenario, server.log = args[1], args[2]
+    state["upstream"] = int(args[args.index("--upstream") + 1]) if "--upstream" in args else 0
+    portfile = args[args.index("--portfile") + 1]
+    if "--detach" in args:  # under wine: out of the starter's session, its output let go
+        if os.fork():
+            os._exit(0)
+        os.setsid()
+        quiet = os.open(os.devnull, os.O_RDWR)
+        for fd in (0, 1, 2):
+            os.dup2(quiet, fd)
     else:
-        os.write(1, b"%d\n" % port)  # one write: the reader stops at the line feed
-        # The test that started us holds our stdin; when it ends, so do we.
-        threading.Thread(target=lambda: (sys.stdin.read(), os._exit(0)), daemon=True).start()
+        threading.Thread(target=orphaned, args=(os.getppid(),), daemon=True).start()
+    with open(portfile + ".tmp", "w") as f:
+        f.write("%d %d\n" % (server.server_address[1], os.getpid()))
+    os.replace(portfile + ".tmp", portfile)
     server.serve_forever()
 
 

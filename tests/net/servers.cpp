@@ -1,8 +1,8 @@
 #include "servers.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -17,9 +17,7 @@ using socklen_t = int;
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -68,14 +66,32 @@ std::string Pattern(size_t n, uint32_t seed) {
     return bytes;
 }
 
+namespace {
+
+sockaddr_in Loopback(int port) {
+    sockaddr_in at{};
+    at.sin_family = AF_INET;
+    at.sin_port = htons(uint16_t(port));
+    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return at;
+}
+
+bool Accepts(int port) {
+    const auto s = socket(AF_INET, SOCK_STREAM, 0);
+    const sockaddr_in at = Loopback(port);
+    const bool ok = connect(s, reinterpret_cast<const sockaddr*>(&at), sizeof(at)) == 0;
+    CloseSocket(int32_t(s));
+    return ok;
+}
+
+} // namespace
+
 int32_t ListenLoopback(int* port, int backlog) {
 #ifdef _WIN32
     [[maybe_unused]] static const int started = [] { WSADATA data; return WSAStartup(MAKEWORD(2, 2), &data); }();
 #endif
     const auto s = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in at{};
-    at.sin_family = AF_INET;
-    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in at = Loopback(0);
     socklen_t len = sizeof(at);
     if (bind(s, reinterpret_cast<sockaddr*>(&at), sizeof(at)) != 0 || listen(s, backlog) != 0 ||
         getsockname(s, reinterpret_cast<sockaddr*>(&at), &len) != 0) {
@@ -88,19 +104,12 @@ int32_t ListenLoopback(int* port, int backlog) {
 
 int UnusedPort() {
     int port = 0;
-    const int32_t s = ListenLoopback(&port);
-    if (s >= 0) CloseSocket(s);
+    CloseSocket(ListenLoopback(&port));
     return port;
 }
 
-int32_t AcceptOne(int32_t listener) {
-    fd_set ready;
-    FD_ZERO(&ready);
-    FD_SET(listener, &ready);
-    timeval limit{5, 0};
-    if (select(int(listener) + 1, &ready, nullptr, nullptr, &limit) != 1) return -1;
-    return int32_t(accept(listener, nullptr, nullptr));
-}
+// The test has connected already: the connection waits in the queue.
+int32_t AcceptOne(int32_t listener) { return int32_t(accept(listener, nullptr, nullptr)); }
 
 void CloseSocket(int32_t s) {
 #ifdef _WIN32
@@ -112,16 +121,7 @@ void CloseSocket(int32_t s) {
 
 namespace {
 
-bool Accepts(int port) {
-    const auto s = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in at{};
-    at.sin_family = AF_INET;
-    at.sin_port = htons(uint16_t(port));
-    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const bool ok = connect(s, reinterpret_cast<sockaddr*>(&at), sizeof(at)) == 0;
-    CloseSocket(int32_t(s));
-    return ok;
-}
+void Pause() { std::this_thread::sleep_for(std::chrono::milliseconds(10)); }
 
 // The first of the usual places where a host program is installed (a unix path: under
 // wine the drive the tests run on maps it), or "".
@@ -160,67 +160,34 @@ std::string ApacheConfig(const TestServer& s) {
     return c;
 }
 
-// Once the server is gone: no process, no port, and its folder removed.
-void Forget(TestServer* server) {
-    server->pid = -1;
-    server->port = 0;
-    std::error_code ignored;
-    if (!server->dir.empty()) fs::remove_all(server->dir, ignored);
-    server->dir.clear();
-}
-
-// A private folder with a document root that any user may read.
-bool MakeServerDir(TestServer* server);
-// Starts argv (a host program), its stdin and stdout given (-1: none); pid or -1.
-long Spawn(const std::vector<std::string>& argv, int in, int out);
-void Stop(TestServer* server);
-
-// Waits up to 10 s for the port to accept; stops the server otherwise.
-bool WaitUntilUp(TestServer* server);
-} // namespace
-
-bool StartNginx(TestServer* server) {
-    const std::string nginx = FindProgram({"/usr/sbin/nginx", "/usr/local/sbin/nginx", "/usr/bin/nginx"});
-    if (nginx.empty() || !MakeServerDir(server)) return false;
-    const std::string conf = server->dir + "/nginx.conf", errors = server->dir + "/error.log";
-    server->port = UnusedPort();
-    std::ofstream(conf) << NginxConfig(*server);
-    server->stop = {nginx, "-p", server->dir, "-c", conf, "-e", errors, "-s", "stop"};
-    server->pid = Spawn({nginx, "-p", server->dir, "-c", conf, "-e", errors}, -1, -1);
-    return WaitUntilUp(server);
-}
-
-bool StartApache(TestServer* server) {
-    const std::string apache = FindProgram({"/usr/sbin/apache2", "/usr/sbin/httpd"});
-    if (apache.empty() || !MakeServerDir(server)) return false;
-    const std::string conf = server->dir + "/httpd.conf";
-    server->port = UnusedPort();
-    std::ofstream(conf) << ApacheConfig(*server);
-    server->stop = {apache, "-f", conf, "-k", "stop"};
-    // -X: one process in the foreground, which SIGTERM ends.
-    server->pid = Spawn({apache, "-f", conf, "-X"}, -1, -1);
-    return WaitUntilUp(server);
-}
-
-#ifdef _WIN32
-
-// Under wine the servers are host programs: CreateProcess runs a unix program given by
-// its unix path, and unix paths name files on the drive the tests run from. The folders
-// lie below KEEL_NET_HOST_DIR (a unix path); without it (real Windows) nothing starts.
-namespace {
-
+// A private folder below the platform's base whose document root any user may read
+// (started as root, Apache serves as "daemon").
 bool MakeServerDir(TestServer* server) {
-    static int serial = 0;
+    static std::atomic<int> serial{0};
+#ifdef _WIN32
     const char* base = std::getenv("KEEL_NET_HOST_DIR");
+    const long self = long(GetCurrentProcessId());
+#else
+    const char* base = "/tmp";
+    const long self = long(getpid());
+#endif
     if (!base) return false;
-    server->dir = std::string(base) + "/keelnet-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++serial);
+    server->dir = std::string(base) + "/keelnet-" + std::to_string(self) + "-" + std::to_string(++serial);
     server->root = server->dir + "/www";
-    std::error_code failed;
+    std::error_code failed, ignored;
     fs::create_directories(server->root, failed);
+    for (const std::string& folder : {server->dir, server->root})
+        fs::permissions(folder,
+                        fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                            fs::perms::others_read | fs::perms::others_exec,
+                        ignored);
     return !failed;
 }
 
-long Spawn(const std::vector<std::string>& argv, int, int) {
+#ifdef _WIN32
+// CreateProcess runs a unix program given by its unix path. A host process has no handle
+// to wait on here: each server is ended by its own stop command.
+long Spawn(const std::vector<std::string>& argv) {
     std::string line;
     for (const std::string& arg : argv) line += (line.empty() ? "" : " ") + arg;
     STARTUPINFOA startup{};
@@ -230,123 +197,116 @@ long Spawn(const std::vector<std::string>& argv, int, int) {
         return -1;
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);
-    return 1; // a host process has no handle to wait on here
+    return 1;
 }
 
-void Stop(TestServer* server) {
-    if (!server->stop.empty()) Spawn(server->stop, -1, -1);
-    for (int i = 0; i < 500 && server->port > 0 && Accepts(server->port); ++i) Sleep(10);
-    server->stop.clear();
-    Forget(server);
+bool Exited(long) { return false; }
+
+void Terminate(TestServer* server) {
+    if (!server->stop.empty()) Spawn(server->stop);
+    for (int i = 0; i < 500 && server->port > 0 && Accepts(server->port); ++i) Pause();
 }
 
-bool WaitUntilUp(TestServer* server) {
-    for (int i = 0; i < 1000 && server->pid > 0 && server->port > 0; ++i) {
-        if (Accepts(server->port)) return true;
-        Sleep(10);
-    }
-    Stop(server);
-    return false;
-}
-
-} // namespace
-
-TestServer::~TestServer() { Stop(this); }
-
-// The server detaches itself and names its port in a file.
-bool StartFaultServer(TestServer* server, const char* scenario, int upstream) {
+std::string Python() {
     const char* python = std::getenv("KEEL_NET_HOST_PYTHON");
-    if (!python || !MakeServerDir(server)) return false;
-    server->requests = server->dir + "/requests.log";
-    const std::string portfile = server->dir + "/port";
-    server->stop = {python, KEEL_NET_FAULT_SERVER, "--stop", portfile};
-    server->pid = Spawn({python, KEEL_NET_FAULT_SERVER, scenario, server->requests, "--upstream",
-                         std::to_string(upstream), "--portfile", portfile},
-                        -1, -1);
-    for (int i = 0; i < 1000 && server->pid > 0 && !fs::exists(portfile); ++i) Sleep(10);
-    std::istringstream line(ReadWholeFile(portfile));
-    if (!(line >> server->port)) server->port = 0;
-    return WaitUntilUp(server);
+    return python ? python : "";
 }
-
 #else
-
-namespace {
-
-bool MakeServerDir(TestServer* server) {
-    char pattern[] = "/tmp/keelnet-XXXXXX";
-    if (!mkdtemp(pattern)) return false;
-    server->dir = pattern;
-    server->root = server->dir + "/www";
-    fs::create_directories(server->root);
-    for (const fs::path& folder : {fs::path(server->dir), fs::path(server->root)})
-        fs::permissions(folder, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
-                                    fs::perms::others_read | fs::perms::others_exec);
-    return true;
-}
-
-bool Exited(long pid) { return waitpid(pid_t(pid), nullptr, WNOHANG) != 0; }
-
-long Spawn(const std::vector<std::string>& argv, int in, int out) {
+long Spawn(const std::vector<std::string>& argv) {
     std::vector<char*> args;
     for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);
     const pid_t pid = fork();
     if (pid != 0) return pid;
     const int quiet = open("/dev/null", O_RDWR);
-    dup2(in >= 0 ? in : quiet, 0);
-    dup2(out >= 0 ? out : quiet, 1);
+    dup2(quiet, 0);
+    dup2(quiet, 1);
     for (int fd = 3; fd < 256; ++fd) close(fd);
     execvp(args[0], args.data());
     _exit(127);
 }
 
-// SIGTERM, then SIGKILL when it is still there after 5 s; the folder goes too.
-void Stop(TestServer* server) {
-    if (server->pid > 0) {
-        kill(pid_t(server->pid), SIGTERM);
-        for (int i = 0; i < 500 && !Exited(server->pid); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        if (!Exited(server->pid) && kill(pid_t(server->pid), SIGKILL) == 0) waitpid(pid_t(server->pid), nullptr, 0);
-    }
-    if (server->control >= 0) close(server->control);
-    server->control = -1;
-    Forget(server);
+bool Exited(long pid) { return waitpid(pid_t(pid), nullptr, WNOHANG) != 0; }
+
+// SIGTERM, then SIGKILL when it is still there after 5 s.
+void Terminate(TestServer* server) {
+    if (server->pid <= 0) return;
+    kill(pid_t(server->pid), SIGTERM);
+    for (int i = 0; i < 500 && !Exited(server->pid); ++i) Pause();
+    if (!Exited(server->pid) && kill(pid_t(server->pid), SIGKILL) == 0) waitpid(pid_t(server->pid), nullptr, 0);
 }
 
+std::string Python() { return FindProgram({"/usr/bin/python3", "/usr/local/bin/python3"}); }
+#endif
+
+// Once the server is gone: no process, no port, and its folder removed.
+void Stop(TestServer* server) {
+    Terminate(server);
+    server->pid = -1;
+    server->port = 0;
+    server->stop.clear();
+    std::error_code ignored;
+    if (!server->dir.empty()) fs::remove_all(server->dir, ignored);
+    server->dir.clear();
+}
+
+// Waits up to 10 s for the port to accept; stops the server otherwise.
 bool WaitUntilUp(TestServer* server) {
     for (int i = 0; i < 1000 && server->pid > 0 && server->port > 0 && !Exited(server->pid); ++i) {
         if (Accepts(server->port)) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        Pause();
     }
     Stop(server);
     return false;
+}
+
+// Writes the configuration for a fresh port to dir/server.conf and starts argv.
+bool Launch(TestServer* server, std::string (*config)(const TestServer&), const std::vector<std::string>& argv) {
+    server->port = UnusedPort();
+    std::ofstream(server->dir + "/server.conf") << config(*server);
+    server->pid = Spawn(argv);
+    return WaitUntilUp(server);
 }
 
 } // namespace
 
 TestServer::~TestServer() { Stop(this); }
 
-bool StartFaultServer(TestServer* server, const char* scenario, int upstream) {
-    int in[2], out[2];
-    if (!MakeServerDir(server) || pipe(in) != 0 || pipe(out) != 0) return false;
-    server->requests = server->dir + "/requests.log";
-    server->pid = Spawn({"python3", KEEL_NET_FAULT_SERVER, scenario, server->requests, "--upstream",
-                         std::to_string(upstream)},
-                        in[0], out[1]);
-    close(in[0]);
-    close(out[1]);
-    // The server ends when its stdin closes: our end stays open, inherited by no one.
-    fcntl(in[1], F_SETFD, FD_CLOEXEC);
-    server->control = in[1];
-    // The port comes as one short line in one write, which a pipe delivers whole.
-    char line[32] = {};
-    pollfd ready{out[0], POLLIN, 0};
-    if (poll(&ready, 1, 10000) == 1 && read(out[0], line, sizeof(line) - 1) > 0 && std::strchr(line, '\n'))
-        server->port = std::atoi(line);
-    close(out[0]);
-    return WaitUntilUp(server);
+bool StartNginx(TestServer* server) {
+    const std::string nginx = FindProgram({"/usr/sbin/nginx", "/usr/local/sbin/nginx", "/usr/bin/nginx"});
+    if (nginx.empty() || !MakeServerDir(server)) return false;
+    const std::vector<std::string> run = {nginx, "-p", server->dir, "-c", server->dir + "/server.conf",
+                                          "-e", server->dir + "/error.log"};
+    server->stop = run;
+    server->stop.insert(server->stop.end(), {"-s", "stop"});
+    return Launch(server, NginxConfig, run);
 }
 
+bool StartApache(TestServer* server) {
+    const std::string apache = FindProgram({"/usr/sbin/apache2", "/usr/sbin/httpd"});
+    if (apache.empty() || !MakeServerDir(server)) return false;
+    const std::string conf = server->dir + "/server.conf";
+    server->stop = {apache, "-f", conf, "-k", "stop"};
+    return Launch(server, ApacheConfig, {apache, "-f", conf, "-X"}); // -X: one process, which SIGTERM ends
+}
+
+// The server names its port in a file; under wine it detaches itself, since its host
+// process cannot be signalled from here.
+bool StartFaultServer(TestServer* server, const char* scenario, int upstream) {
+    const std::string python = Python();
+    if (python.empty() || !MakeServerDir(server)) return false;
+    server->requests = server->dir + "/requests.log";
+    const std::string portfile = server->dir + "/port";
+    std::vector<std::string> run = {python, KEEL_NET_FAULT_SERVER, scenario, server->requests,
+                                    "--upstream", std::to_string(upstream), "--portfile", portfile};
+#ifdef _WIN32
+    run.push_back("--detach");
+    server->stop = {python, KEEL_NET_FAULT_SERVER, "--stop", portfile};
 #endif
+    server->pid = Spawn(run);
+    for (int i = 0; i < 1000 && server->pid > 0 && !Exited(server->pid) && !fs::exists(portfile); ++i) Pause();
+    std::istringstream(ReadWholeFile(portfile)) >> server->port;
+    return WaitUntilUp(server);
+}
 
 } // namespace keelnet
