@@ -8,6 +8,9 @@ TEST(Assert, FormatsBothShapesCutToTheBufferAndReportsPlainOnes) {
     EXPECT_STREQ("assertmsg(p != 0, why) failed at: core/keel/x.cpp:7\n", text);
     klFormatAssert(small, sizeof(small), "a very long expression", "f", 1, nullptr);
     EXPECT_STREQ("assert(a very l", small);
+    testing::internal::CaptureStderr(); // the default report cuts at its 4096-byte buffer
+    klDefaultAssertReport("x", "f", 1, std::string(5000, 'm').c_str());
+    EXPECT_EQ(4095u, testing::internal::GetCapturedStderr().size());
 
     keeltest::CaptureAsserts capture;
     int value = 3;

@@ -7,6 +7,11 @@
 #include <cstdarg>
 #include <sstream>
 
+#ifndef _WIN32
+#include <fcntl.h>
+#include <unistd.h>
+#endif
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -124,6 +129,29 @@ TEST_F(LogFileTest, FileSinkWritesExactLinesAndFlushes) {
     klCloseLogFile();
     EXPECT_EQ(expected + "INFO " + at + "        " + Tid() + " again\n", ReadAll(file));
 }
+
+#ifndef _WIN32
+// Colours go to a terminal only, each line's switched back off; a file gets plain text.
+TEST(LogTest, ColoursOnlyOnATerminal) {
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(0, grantpt(master) | unlockpt(master));
+    FILE* terminal = std::fopen(ptsname(master), "w");
+    ASSERT_NE(nullptr, terminal);
+    for (uint32_t level : {klLogWarn, klLogInfo}) {
+        const uint32_t saved = kl::detail::BeginLogColour(terminal, level);
+        std::fputs("x", terminal);
+        kl::detail::EndLogColour(terminal, saved);
+    }
+    std::fclose(terminal);
+    char seen[64] = {};
+    EXPECT_EQ("\033[1;33mx\033[0mx", std::string(seen, size_t(read(master, seen, sizeof(seen)))));
+    close(master);
+    FILE* file = std::tmpfile();
+    EXPECT_EQ(0u, kl::detail::BeginLogColour(file, klLogWarn));
+    std::fclose(file);
+}
+#endif
 
 // A sink call with arguments, as a logger makes it, but with any tag.
 void FileLine(const char* tag, const char* format, ...) {
