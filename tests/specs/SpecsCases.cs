@@ -164,67 +164,44 @@ public static class SpecsCases
     }
 
     // The marshalling declarations against the table of specs_layout.h (embedded in the
-    // test assembly): every offset and size at this process's pointer size through the
-    // marshaller itself, and at the other pointer size by laying out the same fields with
-    // the marshaller's rules (which the first half confirms here).
+    // test assembly), at both pointer sizes, by laying out the fields with the marshaller's
+    // rules: each field at the next multiple of its size, the record rounded up to its
+    // largest field. At this process's pointer size the marshaller itself confirms it.
     public static void RecordLayout()
     {
         string table;
         using (var stream = Assembly.GetExecutingAssembly().GetManifestResourceStream("specs_layout.h"))
             table = new StreamReader(stream).ReadToEnd();
-        var records = new Dictionary<string, Type> {
-            { "rigwarden_gpu_info", typeof(Specs).Assembly.GetType("Rigwarden.Native+GpuInfo", true) },
-            { "rigwarden_spec_info", typeof(Specs).Assembly.GetType("Rigwarden.Native+SpecInfo", true) },
-        };
         int rows = 0;
-        foreach (string record in records.Keys)
+        foreach (string record in new[] { "GpuInfo", "SpecInfo" })
         {
-            Type type = records[record];
-            var fields = Regex.Matches(table, @"FIELD\(" + record + @", (\w+), (\d+), (\d+)\)").Cast<Match>().ToList();
-            Match size = Regex.Match(table, @"SIZE\(" + record + @", (\d+), (\d+)\)");
-            Expect(fields.Count > 0 && size.Success, "the table describes " + record);
-            Expect(fields.Select(f => f.Groups[1].Value).SequenceEqual(type.GetFields().Select(f => f.Name)),
-                   record + ": the same fields in the same order");
+            Type type = typeof(Specs).Assembly.GetType("Rigwarden.Native+" + record, true);
+            FieldInfo[] fields = type.GetFields();
+            string name = record == "GpuInfo" ? "rigwarden_gpu_info" : "rigwarden_spec_info";
+            var columns = Regex.Matches(table, @"FIELD\(" + name + @", (\w+), (\d+), (\d+)\)").Cast<Match>().ToList();
+            Match size = Regex.Match(table, @"SIZE\(" + name + @", (\d+), (\d+)\)");
+            Expect(size.Success && columns.Select(f => f.Groups[1].Value).SequenceEqual(fields.Select(f => f.Name)),
+                   name + ": the same fields in the same order");
             foreach (int pointer in new[] { 4, 8 })
             {
-                int column = pointer == 4 ? 2 : 3;
-                int[] offsets;
-                int total = Lay(type, pointer, out offsets);
-                for (int i = 0; i < fields.Count; ++i)
+                int at = 0, largest = 1, column = pointer / 4 + 1;
+                for (int i = 0; i < fields.Length; ++i, ++rows)
                 {
-                    string field = fields[i].Groups[1].Value;
-                    int expected = int.Parse(fields[i].Groups[column].Value);
-                    Expect(offsets[i] == expected, record + "." + field + " at " + offsets[i] + " with " + pointer +
-                                                       "-byte pointers, C has " + expected);
-                    if (pointer == IntPtr.Size)
-                        Expect(Marshal.OffsetOf(type, field).ToInt32() == expected, record + "." + field + " marshalled");
-                    ++rows;
+                    Type field = fields[i].FieldType;
+                    int width = field == typeof(IntPtr) ? pointer : Marshal.SizeOf(field);
+                    at = (at + width - 1) / width * width;
+                    int expected = int.Parse(columns[i].Groups[column].Value);
+                    Expect(at == expected && (pointer != IntPtr.Size || Marshal.OffsetOf(type, fields[i].Name).ToInt32() == at),
+                           name + "." + fields[i].Name + " at " + at + " with " + pointer + "-byte pointers, C has " + expected);
+                    at += width;
+                    largest = Math.Max(largest, width);
                 }
-                int expectedSize = int.Parse(size.Groups[column - 1].Value);
-                Expect(total == expectedSize, record + " is " + total + " bytes with " + pointer + "-byte pointers");
-                if (pointer == IntPtr.Size) Expect(Marshal.SizeOf(type) == expectedSize, record + " marshalled size");
+                int total = (at + largest - 1) / largest * largest;
+                Expect(total == int.Parse(size.Groups[column - 1].Value) && (pointer != IntPtr.Size || Marshal.SizeOf(type) == total),
+                       name + " is " + total + " bytes with " + pointer + "-byte pointers");
             }
         }
         Expect(rows == 32, rows + " field rows checked");
-    }
-
-    // Sequential layout: each field at the next multiple of its size, the record rounded up
-    // to its largest field. Returns the size; offsets in field order.
-    static int Lay(Type type, int pointer, out int[] offsets)
-    {
-        FieldInfo[] fields = type.GetFields();
-        offsets = new int[fields.Length];
-        int at = 0, largest = 1;
-        for (int i = 0; i < fields.Length; ++i)
-        {
-            Type field = fields[i].FieldType;
-            int width = field == typeof(IntPtr) ? pointer : Marshal.SizeOf(field);
-            at = (at + width - 1) / width * width;
-            offsets[i] = at;
-            at += width;
-            largest = Math.Max(largest, width);
-        }
-        return (at + largest - 1) / largest * largest;
     }
 
     // Every case that needs no package, for runners without a test framework of their own.
