@@ -1,6 +1,7 @@
 // Whole queries: on several threads at once, and through the rigwarden-check tool.
 #include "fake_machine.h"
 #include "oRigwarden.h"
+#include "oRigwardenSnapshot.h"
 
 #include <gtest/gtest.h>
 
@@ -149,6 +150,17 @@ TEST(Query, CheckToolStatusAndMessages) {
         EXPECT_EQ(run.stderrText, Check(run.arguments + " 2>&1 >/dev/null", status));
         EXPECT_EQ(run.status, status) << run.arguments;
     }
+}
+
+// Replaying a snapshot points the probes at it; stopping puts the root before it back.
+TEST(Query, ReplayMovesTheProbesRootAndBack) {
+    setenv("RIGWARDEN_ROOT", "/before", 1);
+    klString error;
+    ASSERT_TRUE(oRigwardenSnapshot::StartReplay("/snapshot", error));
+    EXPECT_STREQ("/snapshot", std::getenv("RIGWARDEN_ROOT"));
+    oRigwardenSnapshot::StopReplay();
+    EXPECT_STREQ("/before", std::getenv("RIGWARDEN_ROOT"));
+    unsetenv("RIGWARDEN_ROOT");
 }
 
 TEST(Query, CaptureThenReplayAnswersAsTheMachineDid) {

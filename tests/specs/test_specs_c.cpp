@@ -43,16 +43,16 @@ std::string Describe(const rigwarden_spec_info& info) {
 TEST(SpecsC, AnswerOnACapturedMachine) {
     FakeMachine machine("c-interface");
     machine.AddPciIds();
-    machine.AddPci("0000:01:00.0", 0x030000, 0x10de, 0x2684, true);
-    machine.AddPci("0000:02:00.0", 0x030000, 0x1002, 0x744c);
+    machine.AddPci("0000:01:00.0", 0x030000, 0x10de, 0x2684);
+    machine.AddPci("0000:02:00.0", 0x030000, 0x1002, 0x744c, true); // the boot display comes first
     machine.SetCpu("model name\t: CPU @ 3.00GHz\n", "0-15\n");
     machine.SetMemoryKB(32 * 1024 * 1024);
     machine.Write("db/nvidia.cfg", "10DE, 2684, 4, 3840, 9800, D ; GeForce RTX 4090\n");
     machine.Use();
     const std::string expected =
-        "0 '' 0 '' 0\n'NVIDIA Corporation AD102 [GeForce RTX 4090]' 10de:2684 0 '' 4 3840 9800 0\n"
-        "'Advanced Micro Devices, Inc. [AMD/ATI] Navi 31 [Radeon RX 7900 XT/7900 XTX]' 1002:744c 1 "
-        "'Could not find graphics adapter (0x1002, 0x744C, Advanced Micro' 0 0 0 0\n";
+        "0 '' 0 '' 1\n'Advanced Micro Devices, Inc. [AMD/ATI] Navi 31 [Radeon RX 7900 XT/7900 XTX]' 1002:744c 1 "
+        "'Could not find graphics adapter (0x1002, 0x744C, Advanced Micro' 0 0 0 0\n"
+        "'NVIDIA Corporation AD102 [GeForce RTX 4090]' 10de:2684 0 '' 4 3840 9800 0\n";
     // Every display device is listed on Linux already, so the flag changes nothing.
     for (uint32_t flags : {0u, uint32_t(RIGWARDEN_QUERY_ALL_ADAPTERS)}) {
         rigwarden_spec_info* info = rigwarden_get_spec_info_ex((machine.Root() + "/db").c_str(), flags);
