@@ -113,6 +113,7 @@ TEST(ProbePosix, ProcessorSpeedAndCount) {
         {0, 2, kNoClock, {{kCpuinfo, kArm}}},
         {0, 5, kNoClock, {{kCpuinfo, kS390}}},
         {5200, 5, "", {{kCpuinfo, kS390 + "cpu MHz dynamic : 4800\ncpu MHz static  : 5200\n"}}},
+        {0, 1, kNoClock, {{kCpuinfo, "processor 0: a\nprocessor 1 b\n"}}}, // an s390 entry's number ends in ':'
         // Out of range is unreadable, never wrapped: each falls through to the next source.
         {0, 2, kNoClock, {{kCpuinfo, kArm + "cpu MHz\t\t: -5\n"}, {kOnline, "0-18446744073709551617\n"}}},
         {2500, 1, "", {{kCpuinfo, "processor\t: 0\nmodel name\t: X @ 99999999999.99GHz\ncpu MHz\t\t: 4294967296\n"
