@@ -143,8 +143,11 @@ TEST(Verdict, MessagesInOrderAndBoundaries) {
     EXPECT_STREQ("No graphics adapter detected in your system. This game requires accelerated 3D graphics to "
                  "function correctly.\n",
                  none.underMinSpecReason.Const());
-    EXPECT_TRUE(oRigwarden::GetSpecInfo(adapters, 0, 2, 5000, 1ull << 40).underMinSpec); // the GPU alone
+    // Each reason alone sets the flag.
+    EXPECT_TRUE(none.underMinSpec);
+    EXPECT_TRUE(oRigwarden::GetSpecInfo(adapters, 0, 2, 5000, 1ull << 40).underMinSpec);
     EXPECT_TRUE(oRigwarden::GetSpecInfo(Adapters({{1, 1}}), 0, 2, 0, 1ull << 40).underMinSpec);
+    EXPECT_TRUE(oRigwarden::GetSpecInfo(Adapters({{1, 1}}), 0, 2, 2200, 0).underMinSpec);
 }
 
 TEST(Collector, ParsesIdsInheritsCutsAndDedupes) {
