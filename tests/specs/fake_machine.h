@@ -1,5 +1,6 @@
-// A captured Linux machine in a temporary folder: the sysfs and procfs files the probes
-// read, and a small pci.ids. Setting RIGWARDEN_ROOT points the probes at it.
+// A captured Linux machine in a temporary folder of this process's own (test programs of
+// several builds may run at once): the sysfs and procfs files the probes read, and a
+// small pci.ids. Use() points the probes at it through RIGWARDEN_ROOT.
 #pragma once
 
 #include <cstdio>
@@ -8,10 +9,12 @@
 #include <fstream>
 #include <string>
 
+#include <unistd.h>
+
 class FakeMachine {
 public:
     explicit FakeMachine(const std::string& name)
-        : mRoot(std::filesystem::temp_directory_path() / ("rigwarden-root-" + name)) {
+        : mRoot(std::filesystem::temp_directory_path() / ("rigwarden-" + std::to_string(getpid()) + "-" + name)) {
         std::filesystem::remove_all(mRoot);
         std::filesystem::create_directories(mRoot);
     }

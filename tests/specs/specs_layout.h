@@ -1,12 +1,11 @@
-/* The byte layout of the records of Specs.h with 4-byte and with 8-byte pointers. The C
- * tests check it with offsetof at compile time in every build; the managed tests read this
- * very file (embedded in the test assembly) and check their marshalling declarations
- * against both columns. One row per field, in field order, then the record's size. */
+/* The byte layout of the records of Specs.h, one FIELD(record, field, offset with 4-byte
+ * pointers, with 8-byte pointers) per field in field order, then SIZE(record, size with 4-byte
+ * pointers, with 8-byte pointers). The C tests check it with offsetof at compile time in every
+ * build; the managed tests read this very file (embedded in the test assembly) and check their
+ * marshalling declarations against both columns. */
 #ifndef RIGWARDEN_SPECS_LAYOUT_H
 #define RIGWARDEN_SPECS_LAYOUT_H
 
-/* FIELD(record, field, offset with 4-byte pointers, offset with 8-byte pointers)
- * SIZE(record, size with 4-byte pointers, size with 8-byte pointers) */
 #define RIGWARDEN_SPECS_LAYOUT(FIELD, SIZE)                       \
     FIELD(rigwarden_gpu_info, adapter_name, 0, 0)                 \
     FIELD(rigwarden_gpu_info, vendor_id, 4, 8)                    \

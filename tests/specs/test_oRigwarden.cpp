@@ -1,15 +1,12 @@
 // The database rules, the best-adapter choice, the verdict and the adapter collector.
 #include "oRigwarden.h"
 
+#include "../keel/keel_test.h"
+
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -19,142 +16,110 @@ std::vector<vsGpuInfo> Adapters(std::initializer_list<std::pair<uint32_t, uint32
     return adapters;
 }
 
-void Apply(const std::string& text, std::vector<vsGpuInfo>& adapters) {
-    oRigwarden::ApplyDatabaseText(reinterpret_cast<const uint8_t*>(text.data()), uint32_t(text.size()), adapters);
+// An adapter's database fields as one text; "-" while no record matched it.
+std::string Fields(const vsGpuInfo& gpu) {
+    if (gpu.notListed) return "-";
+    return klpf("%d %u %u %c", gpu.recommendedVideoQuality, gpu.recommendedWidth, gpu.benchmark, gpu.mobile ? 'M' : 'D')
+        .Const();
 }
-
-// A database folder of its own for one test, removed afterwards.
-class DatabaseFolder {
-public:
-    DatabaseFolder() : mPath(fs::temp_directory_path() / ("rigwarden-db-" + std::to_string(sCount++))) {
-        fs::remove_all(mPath);
-        fs::create_directories(mPath);
-    }
-    ~DatabaseFolder() { fs::remove_all(mPath); }
-    void Write(const std::string& name, const std::string& text) {
-        std::ofstream(mPath / name, std::ios::binary) << text;
-    }
-    klString Path() const { return mPath.string().c_str(); }
-
-private:
-    static inline int sCount = 0;
-    fs::path mPath;
-};
-
-const char kNotListed[] =
-    "Could not find graphics adapter (0x%X, 0x%X, %s) in our database. If your graphics card is old, you "
-    "are probably below the minimal hardware specs and the game may not function correctly.";
 
 } // namespace
 
-TEST(Database, LineRules) {
-    auto adapters = Adapters({{0x10DE, 0xDE1}, {0x1002, 0x68C1}, {0x8086, 0x1}, {0x8086, 0x2}, {0x8086, 0x3},
-                              {0x8086, 0x4}});
-    Apply("; a comment line 10DE, 0DE1, 1, 1, 1, D\n"
-          "10DE, 0DE1, 2, 1280, 350, D ; desktop card\n"
-          "1002 68C1 -1 1024 40 M\n"
-          "0x8086,,,0001\t3\t1920\t77\tm\textra tokens\n" // runs of delimiters; a 7th token
-          "8086, 0002, 3, 1600, 50 ; five tokens, M\n"
-          "8086, 0003, 1, -1, 12, M\r\n"                  // CR LF: "M\r" still means mobile
-          "8086, 0004, 1, 800, 9, \r\n",                  // the CR alone is a sixth token
-          adapters);
-    EXPECT_FALSE(adapters[0].notListed);
-    EXPECT_EQ(2, adapters[0].recommendedVideoQuality);
-    EXPECT_EQ(1280u, adapters[0].recommendedWidth);
-    EXPECT_EQ(350u, adapters[0].benchmark);
-    EXPECT_FALSE(adapters[0].mobile);
-    EXPECT_EQ(-1, adapters[1].recommendedVideoQuality);
-    EXPECT_TRUE(adapters[1].mobile);
-    EXPECT_EQ(77u, adapters[2].benchmark);
-    EXPECT_TRUE(adapters[2].mobile);
-    EXPECT_TRUE(adapters[3].notListed);
-    EXPECT_TRUE(adapters[4].mobile);
-    EXPECT_EQ(4294967295u, adapters[4].recommendedWidth);
-    EXPECT_FALSE(adapters[5].notListed);
-    EXPECT_FALSE(adapters[5].mobile);
-}
-
-TEST(Database, IdTokensOfEveryLengthAndForm) {
-    // Up to eight bare hex digits, and everything the C runtime reads beyond that.
+TEST(Database, Records) {
     const struct {
-        const char* id;
-        uint32_t value;
-    } cases[] = {{"FFFFFFFF", 0xFFFFFFFF}, {"000010de", 0x10DE}, {"0000010DE", 0x10DE}, {"1000010DE", 0x10DE},
-                 {"-1", 0xFFFFFFFF},       {"+10de", 0x10DE},   {"10de\r", 0x10DE},  {"10dg", 0x10D},
-                 {"0x10", 0x10},           {"zz", 0}};
-    for (const auto& c : cases) {
-        auto adapters = Adapters({{c.value, 0x7}});
-        Apply(std::string(c.id) + " 7 1 2 3 D\n", adapters);
-        EXPECT_FALSE(adapters[0].notListed) << c.id;
+        const char* text;
+        uint32_t vendor, device;
+        const char* fields;
+    } kRows[] = {
+        {"; a comment 10DE, 0DE1, 1, 1, 1, D\n10DE, 0DE1, 2, 1280, 350, D ; desktop\n", 0x10DE, 0xDE1, "2 1280 350 D"},
+        {"1002 68C1 -1 1024 40 M\n", 0x1002, 0x68C1, "-1 1024 40 M"},
+        {"0x8086,,,0001\t3\t1920\t77\tm\textra tokens\n", 0x8086, 1, "3 1920 77 M"},
+        {"8086, 0002, 3, 1600, 50 ; five tokens, M\n", 0x8086, 2, "-"},
+        {"8086, 0003, 1, -1, 12, M\r\n", 0x8086, 3, "1 4294967295 12 M"}, // "M\r" is mobile
+        {"8086, 0004, 1, 800, 9, \r\n", 0x8086, 4, "1 800 9 D"},          // the CR alone is a sixth token
+        {"10de, 1, 3, 1920, 500, D\n10DE, 0001, 1, 800, 5, M\n", 0x10DE, 1, "3 1920 500 D"}, // the first wins
+        {"zz10DE, 0xGG, abc, -5x, 99999999999999999999, Mobile\n", 0, 0, "0 4294967291 4294967295 M"},
+        {"0x10DE 0x0002 +3 1e3 12abc m\n", 0x10DE, 2, "3 1 12 M"},
+        // Up to eight bare hex digits, and everything the C runtime reads beyond that.
+        {"FFFFFFFF 7 1 2 3 D\n", 0xFFFFFFFF, 7, "1 2 3 D"},
+        {"000010de 7 1 2 3 D\n", 0x10DE, 7, "1 2 3 D"},
+        {"0000010DE 7 1 2 3 D\n", 0x10DE, 7, "1 2 3 D"},
+        {"1000010DE 7 1 2 3 D\n", 0x10DE, 7, "1 2 3 D"},
+        {"-1 7 1 2 3 D\n", 0xFFFFFFFF, 7, "1 2 3 D"},
+        {"+10de 7 1 2 3 D\n", 0x10DE, 7, "1 2 3 D"},
+        {"10de\r 7 1 2 3 D\n", 0x10DE, 7, "1 2 3 D"},
+        {"10dg 7 1 2 3 D\n", 0x10D, 7, "1 2 3 D"},
+        {"0x10 7 1 2 3 D\n", 0x10, 7, "1 2 3 D"},
+    };
+    for (const auto& row : kRows) {
+        // Every adapter with the record's ids takes it; one whose device differs never does.
+        auto adapters = Adapters({{row.vendor, row.device}, {row.vendor, row.device}, {row.vendor, row.device ^ 1}});
+        oRigwarden::ApplyDatabaseText(reinterpret_cast<const uint8_t*>(row.text), uint32_t(std::strlen(row.text)),
+                                      adapters);
+        EXPECT_EQ(row.fields, Fields(adapters[0])) << row.text;
+        EXPECT_EQ(row.fields, Fields(adapters[1])) << row.text;
+        EXPECT_EQ("-", Fields(adapters[2])) << row.text;
     }
 }
 
-TEST(Database, FirstRecordWinsAndEveryMatchingAdapterTakesIt) {
-    std::vector<vsGpuInfo> adapters = Adapters({{0x10DE, 0x1}, {0x10DE, 0x1}});
-    Apply("10de, 1, 3, 1920, 500, D\n10DE, 0001, 1, 800, 5, M\n", adapters);
-    for (const vsGpuInfo& adapter : adapters) {
-        EXPECT_EQ(500u, adapter.benchmark);
-        EXPECT_EQ(3, adapter.recommendedVideoQuality);
-    }
-}
+class DatabaseFolder : public keeltest::TempFolderTest {};
 
-TEST(Database, FilesAreReadInListingOrderAndEmptyFilesRepeatThePrevious) {
-    DatabaseFolder db;
-    db.Write("a.cfg", "10DE, 0002, 4, 2560, 900, D\n");
-    db.Write("b.cfg", "10DE, 0002, 1, 640, 1, D\n10DE, 0003, 2, 1280, 300, M\n");
-    db.Write("c.cfg", "");
-    db.Write("notes.txt", "10DE, 0004, 2, 1280, 300, M\n");
-    auto adapters = Adapters({{0x10DE, 0x3}, {0x10DE, 0x2}, {0x10DE, 0x4}});
+TEST_F(DatabaseFolder, EveryCfgFileOnceAndTheBestAdapter) {
+    Write("a.cfg", "10DE, 0002, 4, 2560, 900, D\n");
+    Write("b.cfg", "10DE, 0002, 1, 640, 1, D\n10DE, 0003, 2, 1280, 300, M\n");
+    Write("c.cfg", ""); // walks the previous file's records again, which changes nothing
+    Write("notes.txt", "10DE, 0004, 2, 1280, 300, M\n");
+    Write("big.cfg", "10DE, 0001, 4, 2560, 900, D\n" + std::string(16 << 20, ';')); // skipped
+    Write("long.cfg", std::string(1 << 20, 'x') + "\n" + std::string(1 << 20, ',') + "\n10DE, 5, 2, 1920, 700, D\n");
+    std::string noise(65536, '\0'), huge;
+    for (size_t i = 0; i < noise.size(); ++i) noise[i] = char((i * 2654435761u) >> 13);
+    std::replace_if(
+        noise.begin(), noise.end(), [](char c) { return c == ',' || c == ' ' || c == '\t'; }, 'x');
+    Write("noise.cfg", noise);
+    for (int i = 0; i < 200000; ++i) huge += "1234, " + std::to_string(i) + ", 1, 1280, 10, D ; filler\n";
+    Write("huge.cfg", huge);
+#if !defined(_WIN32) // Windows names cannot hold ':'
+    Write("a:b.cfg", "10DE, 0006, 2, 1280, 300, M\n");
+#endif
+    auto adapters =
+        Adapters({{0x10DE, 3}, {0x10DE, 2}, {0x10DE, 4}, {0x10DE, 1}, {0x10DE, 5}, {0x1234, 0x199999}, {0x10DE, 6}});
     uint32_t best = 99;
-    oRigwarden::GetGpuInfo({db.Path()}, adapters, best);
-    // Listing order is the platform's; whichever file came first, exactly one record per pair
-    // was taken and the best adapter follows from it.
-    EXPECT_FALSE(adapters[0].notListed);
-    EXPECT_FALSE(adapters[1].notListed);
-    EXPECT_TRUE(adapters[2].notListed);
-    EXPECT_TRUE(adapters[0].notListedInfo.IsEmpty());
-    EXPECT_STREQ(klpf(kNotListed, 0x10DE, 0x4, "gpu 10de:4").Const(), adapters[2].notListedInfo.Const());
-    EXPECT_EQ(adapters[1].benchmark > adapters[0].benchmark ? 1u : 0u, best);
+    oRigwarden::GetGpuInfo({mDir.string().c_str()}, adapters, best);
+    EXPECT_EQ("2 1280 300 M", Fields(adapters[0]));
+    EXPECT_EQ(adapters[1].benchmark == 900 ? "4 2560 900 D" : "1 640 1 D", Fields(adapters[1])); // listing order
+    EXPECT_STREQ("Could not find graphics adapter (0x10DE, 0x4, gpu 10de:4) in our database. If your graphics "
+                 "card is old, you are probably below the minimal hardware specs and the game may not "
+                 "function correctly.",
+                 adapters[2].notListedInfo.Const());
+    EXPECT_EQ("-", Fields(adapters[3]));
+    EXPECT_EQ("2 1920 700 D", Fields(adapters[4]));
+    EXPECT_EQ("1 1280 10 D", Fields(adapters[5])); // ids are hexadecimal: the 200000th record
+    EXPECT_EQ(adapters[1].benchmark == 900 ? 1u : 4u, best);
+#if !defined(_WIN32)
+    EXPECT_EQ("2 1280 300 M", Fields(adapters[6]));
+#endif
 
     // Missing folders, a folder that is a file, and no folder at all change nothing.
-    auto lonely = Adapters({{0x1234, 0x5678}});
-    oRigwarden::GetGpuInfo({"/no/such/folder", klpf("%s/a.cfg", db.Path().Const()), ""}, lonely, best);
-    EXPECT_TRUE(lonely[0].notListed);
+    auto lonely = Adapters({{0x10DE, 0x3}});
+    oRigwarden::GetGpuInfo({"/no/such/folder", Path("a.cfg").c_str(), ""}, lonely, best);
+    EXPECT_EQ("-", Fields(lonely[0]));
     EXPECT_EQ(0u, best);
 }
 
-TEST(Database, OversizedFilesAreSkippedAndColonsAreNames) {
-    DatabaseFolder db;
-    db.Write("big.cfg", "10DE, 0001, 4, 2560, 900, D\n" + std::string(16 << 20, ';'));
-#if !defined(_WIN32) // Windows names cannot hold ':'
-    db.Write("a:b.cfg", "10DE, 0002, 2, 1280, 300, M\n");
-#endif
-    auto adapters = Adapters({{0x10DE, 0x1}, {0x10DE, 0x2}});
-    uint32_t best = 99;
-    oRigwarden::GetGpuInfo({db.Path()}, adapters, best);
-    EXPECT_TRUE(adapters[0].notListed);
-#if !defined(_WIN32)
-    EXPECT_EQ(300u, adapters[1].benchmark);
-#endif
-}
-
 TEST(Database, BestAdapterChoice) {
+    EXPECT_EQ(0u, oRigwarden::ChooseBestAdapter({}));
     auto adapters = Adapters({{1, 1}, {2, 2}, {3, 3}, {4, 4}});
     EXPECT_EQ(0u, oRigwarden::ChooseBestAdapter(adapters)); // all unlisted: the first
-    adapters[1].benchmark = 10;
-    adapters[1].recommendedVideoQuality = 1;
-    adapters[2].benchmark = 10;
-    adapters[2].recommendedVideoQuality = 2; // a tie goes to the higher quality
-    adapters[3].benchmark = 10;
-    adapters[3].recommendedVideoQuality = 2; // a full tie to the earlier adapter
+    const int kQualities[] = {0, 1, 2, 2}; // a tie goes to the higher quality, a full tie to the earlier
+    for (size_t i = 1; i < adapters.size(); ++i) {
+        adapters[i].benchmark = 10;
+        adapters[i].recommendedVideoQuality = kQualities[i];
+    }
     EXPECT_EQ(2u, oRigwarden::ChooseBestAdapter(adapters));
-
     // A database entry with benchmark 0 and quality -1 loses to an unlisted adapter.
-    auto virtualFirst = Adapters({{0x15AD, 0x405}, {0x10DE, 0x1}});
-    virtualFirst[0].notListed = false;
-    virtualFirst[0].recommendedVideoQuality = -1;
-    EXPECT_EQ(1u, oRigwarden::ChooseBestAdapter(virtualFirst));
-    EXPECT_EQ(0u, oRigwarden::ChooseBestAdapter({}));
+    adapters = Adapters({{0x15AD, 0x405}, {0x10DE, 0x1}});
+    adapters[0].recommendedVideoQuality = -1;
+    EXPECT_EQ(1u, oRigwarden::ChooseBestAdapter(adapters));
 }
 
 TEST(Verdict, MessagesInOrderAndBoundaries) {
@@ -178,76 +143,38 @@ TEST(Verdict, MessagesInOrderAndBoundaries) {
     EXPECT_STREQ("No graphics adapter detected in your system. This game requires accelerated 3D graphics to "
                  "function correctly.\n",
                  none.underMinSpecReason.Const());
-    EXPECT_TRUE(oRigwarden::GetSpecInfo(adapters, 0, 2, 5000, 1ull << 40).underMinSpec); // the GPU alone
+    // Each reason alone sets the flag.
+    EXPECT_TRUE(none.underMinSpec);
+    EXPECT_TRUE(oRigwarden::GetSpecInfo(adapters, 0, 2, 5000, 1ull << 40).underMinSpec);
     EXPECT_TRUE(oRigwarden::GetSpecInfo(Adapters({{1, 1}}), 0, 2, 0, 1ull << 40).underMinSpec);
+    EXPECT_TRUE(oRigwarden::GetSpecInfo(Adapters({{1, 1}}), 0, 2, 2200, 0).underMinSpec);
 }
 
 TEST(Collector, ParsesIdsInheritsCutsAndDedupes) {
     std::vector<vsGpuInfo> adapters;
     vsAdapterCollector collector(adapters);
     char first[] = "PCI\\VEN_10DE&DEV_0de1&SUBSYS_00000000&REV_A1";
+    const struct {
+        bool attached;
+        std::string id;
+        const char* name;
+    } kDevices[] = {
+        {true, "PCI\\VEN_10DE&DEV_0DE1&SUBSYS_11111111&REV_A1", "GeForce, second output"},
+        {false, "PCI\\VEN_1002&DEV_68C1", "Radeon"},
+        {true, "PCI\\DEV_1234&SUBSYS_0", "inherits 10DE"}, // the vendor of the device before it
+        {true, "PCI\\VEN_8086&DEV_0001", ""},
+        {true, "ROOT\\BASICRENDER", "Basic Render"}, // inherits both from the nameless device
+    };
     collector.Add(true, first, "GeForce");
-    char twin[] = "PCI\\VEN_10DE&DEV_0DE1&SUBSYS_11111111&REV_A1";
-    collector.Add(true, twin, "GeForce, second output");
-    char detached[] = "PCI\\VEN_1002&DEV_68C1";
-    collector.Add(false, detached, "Radeon");
-    char noVendor[] = "PCI\\DEV_1234&SUBSYS_0";
-    collector.Add(true, noVendor, "inherits 10DE"); // the vendor of the device before it
-    char noName[] = "PCI\\VEN_8086&DEV_0001";
-    collector.Add(true, noName, "");
-    char garbage[] = "ROOT\\BASICRENDER";
-    collector.Add(true, garbage, "Basic Render"); // inherits both from the nameless device
-    ASSERT_EQ(3u, adapters.size());
-    EXPECT_STREQ("GeForce", adapters[0].name.Const());
-    EXPECT_EQ(0x10DEu, adapters[0].vendorId);
-    EXPECT_EQ(0xDE1u, adapters[0].deviceId);
-    EXPECT_EQ(0x10DEu, adapters[1].vendorId);
-    EXPECT_EQ(0x1234u, adapters[1].deviceId);
-    EXPECT_STREQ("Basic Render", adapters[2].name.Const());
-    EXPECT_EQ(0x8086u, adapters[2].vendorId);
-    EXPECT_EQ(0x1u, adapters[2].deviceId);
     EXPECT_STREQ("PCI\\VEN_10DE", first); // cut at every "&"
+    for (auto device : kDevices) collector.Add(device.attached, device.id.data(), device.name);
+    std::string listed;
+    for (const vsGpuInfo& gpu : adapters)
+        listed += klpf("%s %x:%x|", gpu.name.Const(), gpu.vendorId, gpu.deviceId).Const();
+    EXPECT_EQ("GeForce 10de:de1|inherits 10DE 10de:1234|Basic Render 8086:1|", listed);
 
     char zero[] = "PCI\\VEN_0000&DEV_0000";
     std::vector<vsGpuInfo> none;
-    vsAdapterCollector fresh(none);
-    fresh.Add(true, zero, "zero ids");
+    vsAdapterCollector(none).Add(true, zero, "zero ids");
     EXPECT_TRUE(none.empty());
-}
-
-TEST(Database, BadInputIsReadAsFarAsItGoes) {
-    DatabaseFolder db;
-    std::string binary(65536, '\0');
-    for (size_t i = 0; i < binary.size(); ++i) {
-        binary[i] = char((i * 2654435761u) >> 13);
-        if (std::strchr(", \t", binary[i])) binary[i] = 'x'; // noise, but never a record
-    }
-    db.Write("a-binary.cfg", binary);
-    db.Write("b-long.cfg", std::string(1 << 20, 'x') + "\n" + std::string(1 << 20, ',') +
-                               "\n10DE, 0001, 2, 1920, 700, D\n");
-    db.Write("c-garbage.cfg", "zz10DE, 0xGG, abc, -5x, 99999999999999999999, Mobile\n"
-                              "0x10DE 0x0002 +3 1e3 12abc m\n");
-    std::string huge;
-    for (int i = 0; i < 200000; ++i) huge += "1234, " + std::to_string(i) + ", 1, 1280, 10, D ; filler\n";
-    db.Write("d-huge.cfg", huge);
-    db.Write("e-unreadable.cfg", "10DE, 0003, 4, 3840, 9000, D\n");
-    const std::filesystem::path unreadable = std::filesystem::path(db.Path().Const()) / "e-unreadable.cfg";
-    std::filesystem::permissions(unreadable, std::filesystem::perms::none);
-
-    auto adapters = Adapters({{0x10DE, 0x1}, {0x10DE, 0x2}, {0x0, 0x0}, {0x1234, 0x199999}});
-    uint32_t best = 99;
-    oRigwarden::GetGpuInfo({db.Path()}, adapters, best);
-    EXPECT_EQ(700u, adapters[0].benchmark); // the record after the 1 MB lines
-    EXPECT_EQ(3, adapters[1].recommendedVideoQuality);
-    EXPECT_EQ(1u, adapters[1].recommendedWidth); // "1e3" stops at the "e"
-    EXPECT_EQ(12u, adapters[1].benchmark);
-    EXPECT_TRUE(adapters[1].mobile);
-    // "zz10DE" and "0xGG" have no digits: the record is for vendor 0, device 0.
-    EXPECT_FALSE(adapters[2].notListed);
-    EXPECT_EQ(0, adapters[2].recommendedVideoQuality);         // "abc"
-    EXPECT_EQ(4294967291u, adapters[2].recommendedWidth);      // "-5x" wraps
-    EXPECT_EQ(0xFFFFFFFFu, adapters[2].benchmark);              // saturated, then cut to 32 bits
-    EXPECT_FALSE(adapters[3].notListed); // ids are hexadecimal: "199999" is one of 200000 records
-    EXPECT_LT(best, adapters.size());
-    std::filesystem::permissions(unreadable, std::filesystem::perms::owner_all); // so it can be removed
 }

@@ -12,28 +12,34 @@
 
 namespace {
 
+// The displays the enumeration reports, and the present display devices of the device
+// registry (a null text is an absent property).
 struct FakeDevice {
     DWORD flags;
-    const char* id;
-    const char* name;
+    const char *id, *name;
+};
+struct FakePresent {
+    const char *hardwareId, *description;
 };
 std::vector<FakeDevice> gDevices;
-LSTATUS gOpenResult = ERROR_SUCCESS;
-LSTATUS gQueryResult = ERROR_SUCCESS;
-int gCloses = 0;
+std::vector<FakePresent> gPresent;
+LSTATUS gOpenResult, gQueryResult;
+bool gClassDevsFails;
+DWORD gPropertyFailsAt; // the device whose properties cannot be read
+int gCloses, gClassDevsCalls, gDestroyed;
 std::vector<DWORD> gAskedIndexes;
+const HDEVINFO kFakeSet = reinterpret_cast<HDEVINFO>(0x5678);
 
 LSTATUS WINAPI FakeOpen(HKEY root, LPCSTR subKey, DWORD, REGSAM access, PHKEY key) {
-    EXPECT_EQ(HKEY_LOCAL_MACHINE, root);
+    EXPECT_TRUE(root == HKEY_LOCAL_MACHINE && access == KEY_READ);
     EXPECT_STREQ("HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0\\", subKey);
-    EXPECT_EQ(DWORD(KEY_READ), DWORD(access));
     *key = reinterpret_cast<HKEY>(0x1234);
     return gOpenResult;
 }
 LSTATUS WINAPI FakeQuery(HKEY, LPCSTR name, LPDWORD, LPDWORD, LPBYTE data, LPDWORD size) {
     EXPECT_STREQ("~MHz", name);
     EXPECT_EQ(4u, *size);
-    DWORD mhz = 3600;
+    DWORD mhz = 3600; // written even when the call fails
     std::memcpy(data, &mhz, 4);
     return gQueryResult;
 }
@@ -43,9 +49,7 @@ LSTATUS WINAPI FakeClose(HKEY) {
 }
 void WINAPI FakeSystemInfo(LPSYSTEM_INFO info) { info->dwNumberOfProcessors = 12; }
 BOOL WINAPI FakeEnum(LPCSTR device, DWORD index, PDISPLAY_DEVICEA out, DWORD flags) {
-    EXPECT_EQ(nullptr, device);
-    EXPECT_EQ(0u, flags);
-    EXPECT_EQ(sizeof(DISPLAY_DEVICEA), out->cb);
+    EXPECT_TRUE(!device && flags == 0 && out->cb == sizeof(DISPLAY_DEVICEA));
     gAskedIndexes.push_back(index);
     if (index >= gDevices.size()) return FALSE;
     out->StateFlags = gDevices[index].flags;
@@ -58,29 +62,15 @@ BOOL WINAPI FakeMemory(LPMEMORYSTATUSEX status) {
     status->ullTotalPhys = 8ull << 30;
     return TRUE;
 }
-
-// The device registry: present display devices; a null text is an absent property.
-struct FakePresent {
-    const char* hardwareId;
-    const char* description;
-};
-std::vector<FakePresent> gPresent;
-bool gClassDevsFails = false;
-DWORD gPropertyFailsAt = DWORD(-1); // the device whose properties cannot be read
-int gClassDevsCalls = 0, gDestroyed = 0;
-const HDEVINFO kFakeSet = reinterpret_cast<HDEVINFO>(0x5678);
-
 HDEVINFO WINAPI FakeClassDevs(const GUID* cls, PCSTR enumerator, HWND window, DWORD flags) {
-    EXPECT_TRUE(IsEqualGUID(*cls, GUID{0x4d36e968, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}));
-    EXPECT_EQ(nullptr, enumerator);
-    EXPECT_EQ(nullptr, window);
-    EXPECT_EQ(DWORD(DIGCF_PRESENT), flags);
+    const GUID kDisplayClass = {0x4d36e968, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}};
+    EXPECT_TRUE(IsEqualGUID(*cls, kDisplayClass));
+    EXPECT_TRUE(!enumerator && !window && flags == DIGCF_PRESENT);
     ++gClassDevsCalls;
     return gClassDevsFails ? INVALID_HANDLE_VALUE : kFakeSet;
 }
 BOOL WINAPI FakeEnumInfo(HDEVINFO set, DWORD index, PSP_DEVINFO_DATA data) {
-    EXPECT_EQ(kFakeSet, set);
-    EXPECT_EQ(sizeof(SP_DEVINFO_DATA), data->cbSize);
+    EXPECT_TRUE(set == kFakeSet && data->cbSize == sizeof(SP_DEVINFO_DATA));
     if (index >= gPresent.size()) {
         SetLastError(ERROR_NO_MORE_ITEMS);
         return FALSE;
@@ -108,6 +98,15 @@ BOOL WINAPI FakeDestroy(HDEVINFO set) {
     return TRUE;
 }
 
+// A hybrid laptop: the integrated GPU drives the panel, the discrete one only renders.
+const std::vector<FakeDevice> kHybrid = {
+    {DISPLAY_DEVICE_ATTACHED_TO_DESKTOP | DISPLAY_DEVICE_PRIMARY_DEVICE, "PCI\\VEN_8086&DEV_A7A0&SUBSYS_8A2C1043",
+     "Intel(R) Iris(R) Xe Graphics"},
+    {0, "PCI\\VEN_10DE&DEV_28E0&SUBSYS_8A2C1043&REV_A1", "NVIDIA GeForce RTX 4060 Laptop GPU"}};
+const std::vector<FakePresent> kHybridPresent = {
+    {"PCI\\VEN_8086&DEV_A7A0&SUBSYS_8A2C1043&REV_04", "Intel(R) Iris(R) Xe Graphics"},
+    {"PCI\\VEN_10DE&DEV_28E0&SUBSYS_8A2C1043&REV_A1", "NVIDIA GeForce RTX 4060 Laptop GPU"}};
+
 // Puts the fake machine in place for one test and the real calls back afterwards.
 class ProbeW32 : public keeltest::TempFolderTest {
 protected:
@@ -117,144 +116,96 @@ protected:
         oRigwardenWin32Calls() = {FakeOpen,   FakeQuery,     FakeClose,    FakeSystemInfo, FakeEnum,
                                   FakeMemory, FakeClassDevs, FakeEnumInfo, FakeProperty,   FakeDestroy};
         gOpenResult = gQueryResult = ERROR_SUCCESS;
-        gCloses = gClassDevsCalls = gDestroyed = 0;
-        gAskedIndexes.clear();
-        gPresent.clear();
+        gCloses = 0;
         gClassDevsFails = false;
         gPropertyFailsAt = DWORD(-1);
+        Write("db/gpus.cfg", "8086 A7A0 1 1600 300 M\n10DE 28E0 3 1920 2500 M\n");
     }
     void TearDown() override {
         oRigwardenWin32Calls() = mSaved;
         keeltest::TempFolderTest::TearDown();
     }
-    // A hybrid laptop: the integrated GPU drives the panel, the discrete one only renders.
-    void SetUpHybridLaptop() {
-        gDevices = {{DISPLAY_DEVICE_ATTACHED_TO_DESKTOP | DISPLAY_DEVICE_PRIMARY_DEVICE,
-                     "PCI\\VEN_8086&DEV_A7A0&SUBSYS_8A2C1043&REV_04", "Intel(R) Iris(R) Xe Graphics"},
-                    {0, "PCI\\VEN_10DE&DEV_28E0&SUBSYS_8A2C1043&REV_A1", "NVIDIA GeForce RTX 4060 Laptop GPU"}};
-        gPresent = {{"PCI\\VEN_8086&DEV_A7A0&SUBSYS_8A2C1043&REV_04", "Intel(R) Iris(R) Xe Graphics"},
-                    {"PCI\\VEN_10DE&DEV_28E0&SUBSYS_8A2C1043&REV_A1", "NVIDIA GeForce RTX 4060 Laptop GPU"}};
-        Write("db/gpus.cfg", "8086 A7A0 1 1600 300 M\n10DE 28E0 3 1920 2500 M\n");
-    }
-    std::vector<vsGpuInfo> AllAdapters() {
-        std::vector<vsGpuInfo> adapters;
-        oRigwardenProbe::ReadAdapters(adapters, true);
-        return adapters;
-    }
     vsWin32Calls mSaved;
 };
 
+// Each adapter as "name vendor:device benchmark|".
+std::string Adapters(const vsQueryResult& result) {
+    std::string text;
+    for (const vsGpuInfo& gpu : result.adapters)
+        text += klpf("%s %x:%x %u|", gpu.name.Const(), gpu.vendorId, gpu.deviceId, gpu.benchmark).Const();
+    return text;
+}
+
+std::string Describe(const vsQueryResult& result) {
+    return Adapters(result) + klpf("%u %s|%u %u %llu", result.bestIndex, result.probeErrors.Const(), result.cpuMHz,
+                       result.cpuCount, static_cast<unsigned long long>(result.totalPhysBytes)).Const();
+}
+
 } // namespace
 
-TEST_F(ProbeW32, RegistryAndItsTwoFailures) {
+TEST_F(ProbeW32, RegistryCountAndMemory) {
     klString errors;
     EXPECT_EQ(3600u, oRigwardenProbe::ReadCpuMHz(errors));
-    EXPECT_TRUE(errors.IsEmpty());
-    EXPECT_EQ(1, gCloses);
-
     gQueryResult = ERROR_FILE_NOT_FOUND;
     EXPECT_EQ(0u, oRigwardenProbe::ReadCpuMHz(errors));
     EXPECT_STREQ("Failed to detect CPU core speed from the system registry.\n", errors.Const());
-    EXPECT_EQ(2, gCloses);
-
     gOpenResult = ERROR_ACCESS_DENIED; // the value is never asked for, so one message only
     errors.clear();
     EXPECT_EQ(0u, oRigwardenProbe::ReadCpuMHz(errors));
     EXPECT_STREQ("Failed to get CPU info from the system registry.\n", errors.Const());
-    EXPECT_EQ(2, gCloses);
-
+    EXPECT_EQ(2, gCloses); // a key that was never opened is never closed
     EXPECT_EQ(12u, oRigwardenProbe::ReadCpuCount());
     EXPECT_EQ(8ull << 30, oRigwardenProbe::ReadTotalPhysicalMemory());
 }
 
-TEST_F(ProbeW32, DisplayDevicesAttachedDistinctAndInherited) {
-    gDevices = {
-        {0, "PCI\\VEN_1002&DEV_68C1&SUBSYS_0", "Detached Radeon"},
-        {DISPLAY_DEVICE_ATTACHED_TO_DESKTOP | DISPLAY_DEVICE_PRIMARY_DEVICE,
-         "PCI\\VEN_10de&DEV_2684&SUBSYS_889D1043&REV_A1", "NVIDIA GeForce RTX 4090"},
-        {DISPLAY_DEVICE_ATTACHED_TO_DESKTOP, "PCI\\VEN_10DE&DEV_2684&SUBSYS_889D1043&REV_A1", "second output"},
-        {DISPLAY_DEVICE_ATTACHED_TO_DESKTOP, "PCI\\DEV_1C03", "no vendor in the id"},
-        {DISPLAY_DEVICE_ATTACHED_TO_DESKTOP, "ROOT\\BasicRender", ""},
+TEST_F(ProbeW32, AttachedAdaptersAndWhatTheDeviceRegistryAdds) {
+    const std::string longName(700, 'x'); // longer than the first buffer a property is read into
+    const std::string kIntel = "Intel(R) Iris(R) Xe Graphics 8086:a7a0 300|",
+                      kRtx = "NVIDIA GeForce RTX 4090 10de:2684 0|";
+    const struct {
+        std::vector<FakeDevice> devices;
+        std::vector<FakePresent> present;
+        bool registryFails;
+        DWORD propertyFailsAt;
+        std::string standard, all; // the adapters without and with the device registry
+    } kMachines[] = {
+        {kHybrid, kHybridPresent, false, DWORD(-1), kIntel,
+         kIntel + "NVIDIA GeForce RTX 4060 Laptop GPU 10de:28e0 2500|"},
+        // Present devices are deduplicated and inherit ids like attached ones.
+        {{{DISPLAY_DEVICE_ATTACHED_TO_DESKTOP, "PCI\\VEN_10DE&DEV_2684&REV_A1", "NVIDIA GeForce RTX 4090"}},
+         {{"PCI\\VEN_10DE&DEV_2684&REV_A1", "second name of the same card"},
+          {"PCI\\DEV_1C03", "no vendor in the id"},
+          {nullptr, "no hardware id at all"},
+          {"PCI\\VEN_1002&DEV_744C", nullptr},
+          {"PCI\\VEN_1002&DEV_73BF", longName.c_str()}},
+         false, DWORD(-1), kRtx, kRtx + "no vendor in the id 10de:1c03 0|" + longName + " 1002:73bf 0|"},
+        // A registry that fails, or fails on its third device, adds nothing.
+        {kHybrid, kHybridPresent, true, DWORD(-1), kIntel, kIntel},
+        {kHybrid, {kHybridPresent[0], kHybridPresent[1], {"PCI\\VEN_1002&DEV_744C", "Radeon"}}, false, 2, kIntel,
+         kIntel},
     };
-    std::vector<vsGpuInfo> adapters;
-    oRigwardenProbe::ReadAdapters(adapters);
-    ASSERT_EQ(2u, adapters.size());
-    EXPECT_STREQ("NVIDIA GeForce RTX 4090", adapters[0].name.Const());
-    EXPECT_EQ(0x10DEu, adapters[0].vendorId);
-    EXPECT_EQ(0x2684u, adapters[0].deviceId);
-    EXPECT_STREQ("no vendor in the id", adapters[1].name.Const());
-    EXPECT_EQ(0x10DEu, adapters[1].vendorId); // inherited from the device before it
-    EXPECT_EQ(0x1C03u, adapters[1].deviceId);
-    EXPECT_EQ((std::vector<DWORD>{0, 1, 2, 3, 4, 5}), gAskedIndexes); // each index once, until FALSE
+    for (const auto& machine : kMachines) {
+        gDevices = machine.devices;
+        gPresent = machine.present;
+        gClassDevsFails = machine.registryFails;
+        gPropertyFailsAt = machine.propertyFailsAt;
+        gAskedIndexes.clear();
+        gClassDevsCalls = gDestroyed = 0;
+        EXPECT_EQ(machine.standard, Adapters(oRigwarden::RunQuery(Path("db").c_str())));
+        EXPECT_EQ(0, gClassDevsCalls); // the launcher's own query never asks the device registry
+        std::vector<DWORD> indexes(gDevices.size() + 1); // each index once, until FALSE
+        for (DWORD i = 0; i < indexes.size(); ++i) indexes[i] = i;
+        EXPECT_EQ(indexes, gAskedIndexes);
+        EXPECT_EQ(machine.all, Adapters(oRigwarden::RunQuery(Path("db").c_str(), vsQueryAllAdapters)));
+        EXPECT_EQ(machine.registryFails ? 0 : 1, gDestroyed);
+    }
 }
-
-TEST_F(ProbeW32, HybridLaptopShowsItsDiscreteGpuOnlyWhenAsked) {
-    SetUpHybridLaptop();
-    vsQueryResult standard = oRigwarden::RunQuery(Path("db").c_str());
-    ASSERT_EQ(1u, standard.adapters.size());
-    EXPECT_STREQ("Intel(R) Iris(R) Xe Graphics", standard.adapters[0].name.Const());
-    EXPECT_EQ(0, gClassDevsCalls); // the launcher's own query never asks the device registry
-
-    vsQueryResult all = oRigwarden::RunQuery(Path("db").c_str(), vsQueryAllAdapters);
-    ASSERT_EQ(2u, all.adapters.size());
-    EXPECT_STREQ("Intel(R) Iris(R) Xe Graphics", all.adapters[0].name.Const());
-    EXPECT_STREQ("NVIDIA GeForce RTX 4060 Laptop GPU", all.adapters[1].name.Const());
-    EXPECT_EQ(0x10DEu, all.adapters[1].vendorId);
-    EXPECT_EQ(0x28E0u, all.adapters[1].deviceId);
-    EXPECT_EQ(2500u, all.adapters[1].benchmark);
-    EXPECT_EQ(1u, all.bestIndex);
-    EXPECT_EQ(1, gDestroyed);
-}
-
-TEST_F(ProbeW32, PresentDevicesAreDeduplicatedAndInheritIdsLikeAttachedOnes) {
-    gDevices = {{DISPLAY_DEVICE_ATTACHED_TO_DESKTOP, "PCI\\VEN_10DE&DEV_2684&REV_A1", "NVIDIA GeForce RTX 4090"}};
-    const std::string longName(700, 'x'); // longer than the first buffer the property is read into
-    gPresent = {{"PCI\\VEN_10DE&DEV_2684&REV_A1", "second name of the same card"},
-                {"PCI\\DEV_1C03", "no vendor in the id"},
-                {nullptr, "no hardware id at all"},
-                {"PCI\\VEN_1002&DEV_744C", nullptr},
-                {"PCI\\VEN_1002&DEV_73BF", longName.c_str()}};
-    std::vector<vsGpuInfo> adapters = AllAdapters();
-    ASSERT_EQ(3u, adapters.size());
-    EXPECT_STREQ("NVIDIA GeForce RTX 4090", adapters[0].name.Const());
-    EXPECT_STREQ("no vendor in the id", adapters[1].name.Const());
-    EXPECT_EQ(0x10DEu, adapters[1].vendorId); // inherited, as from the display enumeration
-    EXPECT_EQ(0x1C03u, adapters[1].deviceId);
-    EXPECT_EQ(longName, adapters[2].name.Const());
-    EXPECT_EQ(0x73BFu, adapters[2].deviceId);
-}
-
-TEST_F(ProbeW32, AFailingDeviceRegistryLeavesTheAttachedAdapters) {
-    SetUpHybridLaptop();
-    gClassDevsFails = true;
-    EXPECT_EQ(1u, AllAdapters().size());
-    EXPECT_EQ(0, gDestroyed);
-
-    gClassDevsFails = false;
-    gPresent.push_back({"PCI\\VEN_1002&DEV_744C", "AMD Radeon RX 7900 XTX"});
-    gPropertyFailsAt = 2; // the two devices before it were read; they are dropped all the same
-    std::vector<vsGpuInfo> adapters = AllAdapters();
-    ASSERT_EQ(1u, adapters.size());
-    EXPECT_STREQ("Intel(R) Iris(R) Xe Graphics", adapters[0].name.Const());
-    EXPECT_EQ(1, gDestroyed);
-}
-
-namespace {
-
-std::string Describe(const vsQueryResult& result) {
-    std::string text = klpf("%s|%u %u %llu %u|", result.probeErrors.Const(), result.cpuMHz, result.cpuCount,
-                            static_cast<unsigned long long>(result.totalPhysBytes), result.bestIndex).Const();
-    for (const vsGpuInfo& gpu : result.adapters)
-        text += klpf("%s %x %x %u;", gpu.name.Const(), gpu.vendorId, gpu.deviceId, gpu.benchmark).Const();
-    return text;
-}
-
-} // namespace
 
 TEST_F(ProbeW32, CaptureThenReplayAnswersAsTheMachineDid) {
-    SetUpHybridLaptop();
+    gDevices = kHybrid;
     gDevices.push_back({DISPLAY_DEVICE_ATTACHED_TO_DESKTOP, "PCI\\VEN_1002&DEV_744C", "100% odd\tname"});
     gDevices.push_back({DISPLAY_DEVICE_ATTACHED_TO_DESKTOP, "PCI\\VEN_1002&DEV_73BF", ""});
+    gPresent = kHybridPresent;
     gPresent.push_back({nullptr, "no hardware id"});
     const struct {
         LSTATUS open, query;
