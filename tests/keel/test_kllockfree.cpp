@@ -1,44 +1,18 @@
-#include "keel_test.h"
+#include "keel_test_a.h"
 
 #include "keel/kllockfree.h"
 #include "keel/klmalloc.h"
 #include "keel/klplatform.h"
 
-#include <atomic>
-#include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <set>
-#include <thread>
 
 using Pool = klSafeQueue::NodePool;
 using namespace std::chrono_literals;
+using keeltest::RunThreads;
 
 namespace {
-
-// The queue's node pool and the locks' thread-local slots are singletons.
-struct LifetimeEnvironment : testing::Environment {
-    void SetUp() override { klObjectLifetimeManager::Initialize(); }
-    void TearDown() override { klObjectLifetimeManager::Shutdown(); }
-};
-testing::Environment* const gLifetime = testing::AddGlobalTestEnvironment(new LifetimeEnvironment);
-
-// Ends the program when a test still runs after 30 s: a livelock becomes a failure.
-struct Watchdog {
-    std::atomic<bool> done{false};
-    std::thread thread{[this] {
-        for (int i = 0; i < 3000 && !done; ++i) std::this_thread::sleep_for(10ms);
-        if (!done) std::fputs("watchdog: the test hung\n", stderr), std::_Exit(3);
-    }};
-    ~Watchdog() { done = true, thread.join(); }
-};
-
-template <class F> void RunThreads(int count, F body) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < count; ++t) threads.emplace_back(body, t);
-    for (std::thread& thread : threads) thread.join();
-}
-
+[[maybe_unused]] auto* const gLive = testing::AddGlobalTestEnvironment(new keeltest::LiveSingletons);
 } // namespace
 
 TEST(LockFree, PoolPlacesAlignedUnitsAndReturnsEveryByte) {
@@ -264,7 +238,7 @@ TYPED_TEST(ReadWriteLock, WriterReadsForFreeUpgradesAndReportsMisuse) {
 // ThreadSanitizer no race on them). One reader sometimes upgrades from its read lock.
 // Then a writer that waits for a reader must already keep new readers out.
 TYPED_TEST(ReadWriteLock, ConcurrentWritersExcludeReaders) {
-    Watchdog watchdog;
+    keeltest::Watchdog watchdog;
     TypeParam lock;
     uint64_t first = 0, second = 0;
     std::atomic<int> readersIn{0}, writersIn{0}, torn{0};
