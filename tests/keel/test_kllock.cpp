@@ -1,15 +1,11 @@
-#include "keel_test.h"
+#include "keel_test_a.h"
 
 #include "keel/kllock.h"
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <deque>
 #include <mutex>
 #include <new>
-#include <thread>
-#include <vector>
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
@@ -145,20 +141,17 @@ TEST(KlCondition, ConcurrentProducersAndConsumersMoveEveryItem) {
     std::deque<uint64_t> queue;
     std::atomic<uint64_t> producing{kThreads};
     uint64_t sum = 0, count = 0, timeOuts = 0;
-    std::vector<std::thread> threads;
-    for (uint64_t t = 0; t < 2 * kThreads; ++t)
-        threads.emplace_back([&, t] {
-            klScopedLock hold(cond);
-            for (uint64_t i = 1; t < kThreads && i <= kItems; ++i) // a producer
-                queue.push_back(t * kItems + i), cond.Signal(), cond.Unlock(), cond.Lock();
-            if (t < kThreads && --producing == 0) cond.Broadcast();
-            for (auto until = Clock::now() + 10s; t >= kThreads && Clock::now() < until;) {
-                if (!queue.empty()) sum += queue.front(), ++count, queue.pop_front();
-                else if (producing == 0) break;
-                else timeOuts += !cond.Wait(2000);
-            }
-        });
-    for (std::thread& thread : threads) thread.join();
+    keeltest::RunThreads(2 * kThreads, [&](uint64_t t) {
+        klScopedLock hold(cond);
+        for (uint64_t i = 1; t < kThreads && i <= kItems; ++i) // a producer
+            queue.push_back(t * kItems + i), cond.Signal(), cond.Unlock(), cond.Lock();
+        if (t < kThreads && --producing == 0) cond.Broadcast();
+        for (auto until = Clock::now() + 10s; t >= kThreads && Clock::now() < until;) {
+            if (!queue.empty()) sum += queue.front(), ++count, queue.pop_front();
+            else if (producing == 0) break;
+            else timeOuts += !cond.Wait(2000);
+        }
+    });
     EXPECT_EQ(kTotal, count);
     EXPECT_EQ(kTotal * (kTotal + 1) / 2, sum);
     EXPECT_EQ(0u, timeOuts);

@@ -4,6 +4,7 @@
 #include "keel/klmalloc.h"
 #include "keel/klplatform.h"
 
+#include <algorithm>
 #include <cstring>
 #include <set>
 
@@ -31,16 +32,15 @@ TEST(LockFree, PoolPlacesAlignedUnitsAndReturnsEveryByte) {
     }
     {
         Pool pool(16, 4, 8);
-        std::set<void*> handed;
+        static std::set<void*> handed, all;
         for (int i = 0; i < 9; ++i) handed.insert(pool.Alloc()); // three blocks
         EXPECT_EQ(9u, pool.Count());
-        static std::set<void*> all;
         pool.ForEach([](void* unit) { all.insert(unit); });
         EXPECT_EQ(12u, all.size()); // every unit of every block, handed out or not
-        for (void* unit : handed) EXPECT_EQ(1u, all.count(unit));
-        all.clear();
+        EXPECT_TRUE(std::includes(all.begin(), all.end(), handed.begin(), handed.end()));
         pool.Free(*handed.begin());
         EXPECT_EQ(*handed.begin(), pool.Alloc()); // a freed unit comes back first
+        handed.clear(), all.clear();
     }
     EXPECT_EQ(before, klProcessBytesInUse());
 }
@@ -111,7 +111,6 @@ TEST(SafeQueue, KeepsOrderForOneProducerAndReturnsZeroWhenEmpty) {
     for (uintptr_t value = 1; value <= 100; ++value) queue.Push(value); // past one pool block
     EXPECT_EQ(100u, queue.Count());
     for (uintptr_t value = 1; value <= 101; ++value) ASSERT_EQ(value % 101, queue.Pop());
-    EXPECT_EQ(0u, queue.Count());
 }
 
 TEST(SafeQueueDeathTest, DestroyingAFilledQueueIsFatal) {
