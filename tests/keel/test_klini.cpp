@@ -1,6 +1,7 @@
 #include "keel/klini.h"
 
 #include "keel/klconsole.h"
+#include "keel/klfileplatform.h"
 #include "keel/kllifetime.h"
 #include "keel/klplatform.h"
 #include "keel/klsystem.h"
