@@ -105,7 +105,7 @@ TEST(KlIni, ReferencesEnvironmentAndCycles) {
     kl::platform::SetEnv("KLINI_TEST_HOME", "/home/player");
     klIni ini;
     ASSERT_TRUE(ini.Parse("home=$KLINI_TEST_HOME unset=$KLINI_TEST_UNSET cash=$$5 mail=@@me\n"
-                          "[paths] root=@home data=@(default)root saves=@paths|data bad=@a|b|c\n"
+                          "[paths] root=@home data=@(default)root saves=@paths|data bad=@a|b|c worse=@a|b|c|d\n"
                           "[default] root=@home self=@self\n"));
     // "@home" in [paths] means the section's own key, which does not exist.
     const char* const rows[][3] = {{"default", "home", "/home/player"}, {"default", "unset", "<null>"},
@@ -118,7 +118,8 @@ TEST(KlIni, ReferencesEnvironmentAndCycles) {
     EXPECT_EQ("<null>", Value(ini, "default", "self"));
     EXPECT_EQ(Lines{"INI recursion too deep. Involving \"[default]self\""}, log.Lines());
     EXPECT_EQ("<null>", Value(ini, "paths", "bad"));
-    EXPECT_EQ(2u, log.Lines().size());
+    EXPECT_EQ("<null>", Value(ini, "paths", "worse"));
+    EXPECT_EQ(3u, log.Lines().size());
     // A chain of exactly eight references still resolves.
     klIni chain;
     ASSERT_TRUE(chain.Parse("k0=end k1=@k0 k2=@k1 k3=@k2 k4=@k3 k5=@k4 k6=@k5 k7=@k6 k8=@k7 k9=@k8"));
@@ -176,6 +177,14 @@ TEST_F(KlIniFiles, IncludeFailuresAreReportedWithTheirFiles) {
         expected.insert(expected.end(), lines.begin(), lines.end());
         expected.push_back("Could not parse config file at '" + file + "'");
         EXPECT_EQ(expected, log.Lines());
+    }
+    // Files open at once: 32 nest, a 33rd is refused as a cycle would be.
+    for (int depth : {32, 33}) {
+        for (int i = 0; i < depth; ++i)
+            Write("deep/" + std::to_string(i) + ".ini", i + 1 < depth ? ".include " + std::to_string(i + 1) + ".ini" : "");
+        klIni ini;
+        CaptureLog log;
+        EXPECT_EQ(depth == 32, Load(ini, "--config " + Path("deep/0.ini"))) << depth;
     }
 #ifndef _WIN32
     // A file that is listed but gone by the time it is read: a dangling link.

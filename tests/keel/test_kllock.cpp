@@ -107,8 +107,8 @@ TEST(KlCondition, UnheardWakeUpsAreLostAndTimeOutsReturnLocked) {
     cond.Signal(), cond.Broadcast();
     EXPECT_FALSE(cond.Wait(0));
     Clock::time_point start = Clock::now();
-    EXPECT_FALSE(cond.Wait(60));
-    EXPECT_GE(Clock::now() - start, 40ms); // the Windows timer may end a wait a tick early
+    EXPECT_FALSE(cond.Wait(990)); // the deadline's nanoseconds almost surely carry into seconds
+    EXPECT_GE(Clock::now() - start, 950ms); // the Windows timer may end a wait a tick early
     EXPECT_EQ(1u, cond.Mutex().RecursionDepth());
     EXPECT_FALSE(TryLockElsewhere(cond.Mutex()));
     EXPECT_EQ(0u, cond.Waiting());

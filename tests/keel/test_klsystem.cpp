@@ -86,6 +86,7 @@ TEST_F(OperatingSystem, LinuxFromAFakeRoot) {
     }
 
     const klString& real = klOperatingSystemDescription();
+    EXPECT_EQ(&real, &klOperatingSystemDescription()); // built once
 #ifdef _WIN32
     EXPECT_EQ(0, std::string(real).rfind("Microsoft ", 0)) << real.Const();
 #else
