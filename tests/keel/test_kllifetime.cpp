@@ -6,22 +6,17 @@
 #include "keel/kllifetime.h"
 #include "keel/klsystem.h"
 
-#include <cstdio>
 #include <cstdlib>
-#include <string>
 
-using keeltest::Has;
 using keeltest::HasAll;
 
 namespace {
 
-enum class Scenario { Plain, Circular };
-Scenario gScenario = Scenario::Plain;
+bool gCircular = false;
 std::string gLog;
 
 void Note(const char* text) {
-    gLog += text;
-    gLog += ' ';
+    gLog += std::string(text) + " ";
 }
 
 void PrintReport(const char* expr, const char*, int, const char* message) {
@@ -49,7 +44,7 @@ struct Top {
 };
 struct SelfUser {
     SelfUser() {
-        if (gScenario == Scenario::Circular) klUsesSingleton<SelfUser> self;
+        if (gCircular) klUsesSingleton<SelfUser> self;
     }
 };
 // Named so that its holder is registered too.
@@ -76,19 +71,13 @@ TEST(LifetimeDeathTest, DependenciesComeFirstAndGoLast) {
         },
         testing::ExitedWithCode(0),
         (HasAll({{"log: none +Base +User +Top(args,proxy) live -Top(args,proxy) -User -Base gone gone ", 1},
-                 {"report(", 1},
-                {"report(sInstance.mPointer != 0)", 1}})));
+                 {"report(", 1}, {"report(sInstance.mPointer != 0)", 1}})));
 }
 
 TEST(LifetimeDeathTest, CircularDependencyIsFatal) {
-    EXPECT_EXIT(
-        {
-            gScenario = Scenario::Circular;
-            klObjectLifetimeManager::Initialize();
-        },
-        testing::ExitedWithCode(123),
-        Has(") assertmsg(!mInitialized, if you see this we have a circular dependency of "
-            "singletons) failed at: core/keel/kllifetime.h:"));
+    EXPECT_EXIT((gCircular = true, klObjectLifetimeManager::Initialize()), testing::ExitedWithCode(123),
+                keeltest::Has(") assertmsg(!mInitialized, if you see this we have a circular dependency of "
+                              "singletons) failed at: core/keel/kllifetime.h:"));
 }
 
 TEST(LifetimeDeathTest, MisuseIsReported) {
@@ -111,5 +100,6 @@ TEST(LifetimeDeathTest, MisuseIsReported) {
                  "report(klObjectLifetimeManager::IsOperating())\n"
                  "report(sCreateRoot == this)\n"
                  "report(klObjectLifetimeManager::IsOperating())\nERROR ",
-                 1}, {") assertmsg(!mInitialized, if you see this we have a circular dependency", 1}})));
+                 1},
+                {") assertmsg(!mInitialized, if you see this we have a circular dependency", 1}})));
 }

@@ -17,6 +17,7 @@
 
 using keeltest::Has;
 using keeltest::HasAll;
+using Strings = std::vector<std::string>;
 
 namespace {
 
@@ -40,13 +41,12 @@ TEST_F(CommandLine, SplitsTokensAttachesValuesAndLimitsTheLength) {
     EXPECT_EQ("config=my.ini dir=C:/a=b =plain a= b=x oconfig=1 oconfig=2 oconfig= =tail", Dump());
     std::vector<klString> values(1, "kept");
     klOptionValues("oconfig", values);
-    EXPECT_EQ((std::vector<std::string>{"kept", "1", "2", ""}), std::vector<std::string>(values.begin(), values.end()));
+    EXPECT_EQ((Strings{"kept", "1", "2", ""}), Strings(values.begin(), values.end()));
     EXPECT_EQ(&klCommandLineOptions()[5], klFindOption("oconfig")); // the first one
     EXPECT_EQ(nullptr, klFindOption("Config"));
 
     keeltest::CaptureAsserts capture; // filled once
     klParseCommandLine("--late");
-    EXPECT_EQ((std::vector<std::string>{"g_args().size() == 0"}), capture.Exprs());
     EXPECT_EQ(nullptr, klFindOption("late"));
 
     klClearCommandLine();
@@ -57,17 +57,13 @@ TEST_F(CommandLine, SplitsTokensAttachesValuesAndLimitsTheLength) {
 
     // The text must be shorter than 2048 bytes.
     klClearCommandLine();
-    capture.Clear();
     const std::string fits = "--k=" + std::string(2043, 'v');
     klParseCommandLine(fits.c_str());
-    ASSERT_NE(nullptr, klFindOption("k"));
     EXPECT_EQ(2043u, klFindOption("k")->value.Size());
     klClearCommandLine();
     klParseCommandLine((fits + "w").c_str());
     klParseCommandLine(static_cast<const char*>(nullptr));
-    ASSERT_EQ(1u, capture.Reports().size());
-    EXPECT_EQ("strlen(cmdline) < klARRSIZE(buffer)", capture.Reports()[0].expr);
-    EXPECT_EQ("core/keel/klsystem.cpp", capture.Reports()[0].file);
+    EXPECT_EQ((Strings{"g_args().size() == 0", "strlen(cmdline) < klARRSIZE(buffer)"}), capture.Exprs());
     EXPECT_TRUE(klCommandLineOptions().empty());
 }
 
@@ -94,8 +90,9 @@ TEST_F(OperatingSystem, LinuxFromAFakeRoot) {
 #ifdef _WIN32
     EXPECT_EQ(0, std::string(real).rfind("Microsoft ", 0)) << real.Const();
 #else
-    EXPECT_TRUE(HasAll({{sizeof(void*) == 8 ? "), 64-bit" : "), 32-bit", -1}, {" (Linux ", -1}}).Matches(real.Const()))
-        << real.Const();
+    EXPECT_TRUE(HasAll({{sizeof(void*) == 8 ? "), 64-bit" : "), 32-bit", -1}, {" (Linux ", -1}, {"(Linux )", 0}})
+                    .Matches(real.Const()))
+        << real.Const(); // the running kernel's release
 #endif
 }
 
@@ -243,20 +240,15 @@ int WINAPI FakeMetrics(int index) { return index == SM_SERVERR2 ? 1 : 0; }
 TEST(OperatingSystemW32, ReadsTheVersionCallsThroughTheTable) {
     klW32SysInfoCalls saved = klW32SystemCalls();
     klW32SystemCalls() = {FakeVersion, FakeNative, FakeSystem, FakeProduct, FakeMetrics};
-    gFakeVersion = {};
-    gFakeVersion.dwPlatformId = VER_PLATFORM_WIN32_NT;
-    gFakeVersion.dwMajorVersion = 6;
-    gFakeVersion.dwMinorVersion = 1;
-    gFakeVersion.dwBuildNumber = 7601;
-    gFakeVersion.wProductType = VER_NT_WORKSTATION;
+    gFakeVersion = {sizeof(OSVERSIONINFOEXA), 6, 1, 7601, VER_PLATFORM_WIN32_NT, {}, 0, 0, 0, VER_NT_WORKSTATION, 0};
     EXPECT_STREQ("Microsoft Windows 7 Professional build 7601, 64-bit", kl::detail::QueryOperatingSystemDescription());
     EXPECT_EQ(61u, gProductAsked);
     klW32SystemCalls().getNativeSystemInfo = nullptr; // a system without it
     EXPECT_STREQ("Microsoft Windows 7 Professional build 7601, 32-bit", kl::detail::QueryOperatingSystemDescription());
 
     gProductAsked = 0;
-    gFakeVersion.dwMajorVersion = 5;
     gFakeVersion.dwMinorVersion = 2;
+    gFakeVersion.dwMajorVersion = 5;
     gFakeVersion.wProductType = VER_NT_SERVER;
     EXPECT_STREQ("Microsoft Windows Server 2003 R2, Standard Edition build 7601", kl::detail::QueryOperatingSystemDescription());
     EXPECT_EQ(0u, gProductAsked); // editions of version 5 come from the suite flags
