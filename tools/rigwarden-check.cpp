@@ -84,7 +84,8 @@ bool CheckRoot(const char* root) {
 int ParseOptions(int argc, char** argv, Options& options) {
     for (int i = 1; i < argc; ++i) {
         const char* arg = argv[i];
-        bool hasValue = i + 1 < argc;
+        const bool hasValue = i + 1 < argc;
+        const bool takesValue = !std::strcmp(arg, "--db") || !std::strcmp(arg, "--root") || !std::strcmp(arg, "--capture");
         if (std::strcmp(arg, "--help") == 0) {
             std::fputs(kUsage, stdout);
             return kMeetsSpec;
@@ -103,7 +104,7 @@ int ParseOptions(int argc, char** argv, Options& options) {
             options.capture = argv[++i];
         } else {
             std::fprintf(stderr, "rigwarden-check: %s '%s'\n%s",
-                         std::strncmp(arg, "--", 2) == 0 && !hasValue ? "missing value for" : "unknown option",
+                         takesValue ? "missing value for" : "unknown option",
                          arg, kUsage);
             return kUsageError;
         }

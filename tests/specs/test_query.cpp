@@ -141,9 +141,9 @@ TEST(Query, CheckToolStatusAndMessages) {
         {" --root " + root + "/db", 64,
          "rigwarden-check: root folder '" + root + "/db' holds neither proc/ nor sys/\n"},
         {" --root " + root + "/none", 64, "rigwarden-check: root folder '" + root + "/none' does not exist\n"},
-        {" --bogus --json", 64, "rigwarden-check: unknown option '--bogus'\n" + usage},
+        {" --json --bogus", 64, "rigwarden-check: unknown option '--bogus'\n" + usage},
         {" --db", 64, "rigwarden-check: missing value for '--db'\n" + usage},
-        {" --capture ''", 64, "rigwarden-check: unknown option '--capture'\n" + usage},
+        {" --capture ''", 64, "rigwarden-check: missing value for '--capture'\n" + usage},
         {" --version", 0, ""},
     };
     for (const auto& run : kRuns) {
