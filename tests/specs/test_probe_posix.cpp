@@ -171,7 +171,8 @@ TEST(ProbePosix, FilesThatAreNotFilesAreUnreadableAndBigOnesReadInLinearTime) {
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(2600u, oRigwardenProbe::ReadCpuMHz(errors));
     EXPECT_EQ(22000u, oRigwardenProbe::ReadCpuCount());
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(250 * keeltest::kTimeScale));
+    // A pass per line took seconds here; a busy build machine can stretch one pass to 0.3 s.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500 * keeltest::kTimeScale));
     large.Write("proc/cpuinfo", big + std::string(16 << 20, ' ') + "\ncpu MHz\t\t: 2600\n");
     EXPECT_EQ(0u, oRigwardenProbe::ReadCpuCount());
 }
