@@ -1,9 +1,11 @@
 #include "keel_test.h"
 
 #include "keel/klbuffer.h"
+#include "keel/klfileplatform.h"
 #include "keel/klfilesystem.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <atomic>
 #include <thread>
 
@@ -43,6 +45,18 @@ protected:
 };
 
 } // namespace
+
+#ifndef _WIN32
+// Only a shortage of descriptors or an interrupted call passes by itself on Linux.
+TEST(KlFileSystem, OpenFailuresThatPass) {
+    const std::pair<int, bool> rows[] = {{EINTR, true},  {EMFILE, true},  {ENFILE, true}, {EBUSY, true},
+                                         {ETXTBSY, true}, {ENOENT, false}, {EACCES, false}};
+    for (const auto& [error, passing] : rows) {
+        errno = error;
+        EXPECT_EQ(passing, kl::platform::OpenFailureIsTransient()) << error;
+    }
+}
+#endif
 
 TEST(KlFileSystem, JoinedCanonicalAndOpenedPathForms) {
     // Parts, then the join; only one separator is dropped, and a drive or scheme wins.

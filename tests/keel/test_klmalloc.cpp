@@ -57,6 +57,9 @@ TEST(Malloc, CountersUseTheHeapsUsableSizeAndBalance) {
     // The block holds the object, room to align it and the heap block's start.
     EXPECT_GE(klProcessBytesInUse() - process, sizeof(Wide) + 64 + sizeof(void*));
     delete wide;
+    Wide* many[32]; // blocks at every offset: the pointer kept before each stays inside it
+    for (Wide*& w : many) w = Opaque(new Wide);
+    for (Wide* w : many) delete w;
     EXPECT_EQ(process, klProcessBytesInUse());
     EXPECT_EQ(thread, klThreadBytesInUse());
 
@@ -71,6 +74,12 @@ TEST(Malloc, CountersUseTheHeapsUsableSizeAndBalance) {
     big[0] = 1;
     EXPECT_GE(klGetMemoryReport().inUseBytes, report.inUseBytes + (8u << 20));
     delete[] big;
+#ifdef __GLIBC__
+    std::vector<char*> blocks(128); // 8 MB in the arena, given back: the peak remembers it
+    for (char*& b : blocks) b = Opaque(new char[64 << 10]);
+    for (auto b = blocks.rbegin(); b != blocks.rend(); ++b) delete[] *b;
+    EXPECT_GE(klGetMemoryReport().maxSystemBytes, klGetMemoryReport().systemBytes + (4u << 20));
+#endif
 #endif
 }
 
