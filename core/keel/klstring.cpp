@@ -175,10 +175,6 @@ void klStringData::Release() {
     if (klXchgAdd(UseCountOf(text), ~0u) == 1) FreeBlock(text);
 }
 
-uint32_t klStringData::UseCount() const {
-    return mData ? klAtomicLoad(UseCountOf(mData)) : 0;
-}
-
 void klStringData::AllocUniqueBuffer(uint32_t newSize, bool freeIfEmpty) {
     if (newSize == 0 && freeIfEmpty) {
         Release();

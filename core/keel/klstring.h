@@ -58,7 +58,7 @@ public:
     // Drops this holder's share; mData is null afterwards.
     void Release();
 
-    uint32_t UseCount() const;
+    uint32_t UseCount() const { return mData ? klAtomicLoad(reinterpret_cast<const uint32_t*>(mData - 4)) : 0; }
     // Read inline from the header (layout above): every comparison and copy asks for them.
     uint32_t Size() const {
         if (!mData) return 0;
