@@ -16,7 +16,6 @@
 // references constructed from then on wait unbound in the queue again.
 #pragma once
 
-#include "keel/klhashfunc.h"
 #include "keel/kllifetime.h"
 #include "keel/kllock.h"
 #include "keel/klstring.h"
