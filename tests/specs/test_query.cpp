@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -24,17 +23,6 @@ void DescribeMachine(const FakeMachine& machine) {
     machine.SetMemoryKB(1024 * 1024);
     machine.Write("db/a.cfg", "8086, A780, 1, 1600, 300, D ; UHD 770\n");
     machine.Write("db/b.cfg", "10DE, 28E0, 3, 1920, 2500, M ; RTX 4060 laptop\n");
-}
-
-std::string Describe(const vsQueryResult& result) {
-    std::string text = result.probeErrors.Const();
-    text += result.spec.underMinSpecReason.Const();
-    for (const vsGpuInfo& gpu : result.adapters)
-        text += klpf("|%s %x %x %d %u %u %d %d %s", gpu.name.Const(), gpu.vendorId, gpu.deviceId, gpu.notListed,
-                     gpu.recommendedWidth, gpu.benchmark, gpu.recommendedVideoQuality, gpu.mobile,
-                     gpu.notListedInfo.Const()).Const();
-    return text + klpf("|%u %u %u %llu", result.bestIndex, result.cpuCount, result.cpuMHz,
-                       static_cast<unsigned long long>(result.totalPhysBytes)).Const();
 }
 
 // Runs rigwarden-check with the arguments through the shell, after the environment's
@@ -61,16 +49,20 @@ TEST(Query, ConcurrentQueriesGiveIdenticalAnswers) {
     DescribeMachine(machine);
     machine.Use();
     klString db = (machine.Root() + "/db").c_str();
-    const std::string expected = Describe(oRigwarden::RunQuery(db));
-    EXPECT_EQ(1u, oRigwarden::RunQuery(db).bestIndex);
-    std::vector<std::string> answers(4 * 25);
+    auto describe = [&db] {
+        vsQueryResult result = oRigwarden::RunQuery(db);
+        std::string text = klpf("%s%s%u", result.probeErrors.Const(), result.spec.underMinSpecReason.Const(),
+                                result.bestIndex).Const();
+        for (const vsGpuInfo& gpu : result.adapters) text += klpf("|%s %u", gpu.name.Const(), gpu.benchmark).Const();
+        return text;
+    };
+    const std::string expected = describe();
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 25; ++i) answers[t * 25 + i] = Describe(oRigwarden::RunQuery(db));
+        threads.emplace_back([&] {
+            for (int i = 0; i < 25; ++i) EXPECT_EQ(expected, describe());
         });
     for (std::thread& thread : threads) thread.join();
-    for (const std::string& answer : answers) EXPECT_EQ(expected, answer);
 }
 
 TEST(Query, CheckToolReports) {
@@ -124,7 +116,6 @@ TEST(Query, CheckToolStatusAndMessages) {
     FakeMachine machine("tool-status");
     DescribeMachine(machine);
     machine.Write("nocfg/readme.txt", "");
-    machine.Write("empty/proc/version", "Linux\n");
     const std::string root = machine.Root(), on = " --root " + root + " --db " + root;
     int status = -1;
     const std::string usage = Check("--help", status);
@@ -137,14 +128,14 @@ TEST(Query, CheckToolStatusAndMessages) {
         // The verdict stands without a database, with a warning.
         {on + "/nocfg", 1, "rigwarden-check: warning: database folder '" + root + "/nocfg' holds no *.cfg file\n"},
         {on + "/nodb", 1, "rigwarden-check: warning: database folder '" + root + "/nodb' does not exist\n"},
-        {" --root " + root + "/empty --db " + root + "/db", 2, ""}, // no processor at all is a probe failure
         {" --root " + root + "/db", 64,
          "rigwarden-check: root folder '" + root + "/db' holds neither proc/ nor sys/\n"},
         {" --root " + root + "/none", 64, "rigwarden-check: root folder '" + root + "/none' does not exist\n"},
         {" --json --bogus", 64, "rigwarden-check: unknown option '--bogus'\n" + usage},
         {" --db", 64, "rigwarden-check: missing value for '--db'\n" + usage},
         {" --capture ''", 64, "rigwarden-check: missing value for '--capture'\n" + usage},
-        {" --version", 0, ""},
+        {" --capture x --root " + root, 64,
+         "rigwarden-check: --capture takes this machine; it cannot be given with --root\n"},
     };
     for (const auto& run : kRuns) {
         EXPECT_EQ(run.stderrText, Check(run.arguments + " 2>&1 >/dev/null", status));
@@ -168,42 +159,36 @@ TEST(Query, CaptureThenReplayAnswersAsTheMachineDid) {
     FakeMachine machine("capture");
     DescribeMachine(machine);
     machine.AddPci("0000:00:1f.3", 0x040300, 0x8086, 0x51c8); // audio
-    machine.SetCpu("processor\t: 0\nmodel name\t: CPU @ 2.10GHz\nflags\t\t: fpu sse2\nSerial\t\t: 00000000deadbeef\n",
-                   "0\n");
-    machine.Write("proc/meminfo", "MemTotal:       1048576 kB\nMemFree:  1 kB\nHardwareCorrupted: 0 kB\n");
+    machine.SetCpu("processor\t: 0\nmodel name\t: CPU @ 2.10GHz\nSerial\t\t: 00000000deadbeef\n", "0\n");
+    machine.Write("proc/meminfo", "MemTotal:       1048576 kB\nMemFree:  1 kB\n");
     const std::string db = " --db " + machine.Root() + "/db", snapshot = machine.Root() + "/snapshot";
     int live = -1, replayed = -1;
     std::string report = Check("--json" + db + " --capture " + snapshot, live, "RIGWARDEN_ROOT=" + machine.Root());
-    EXPECT_EQ(1, live);
     EXPECT_EQ(report, Check("--json" + db + " --root " + snapshot, replayed));
+    EXPECT_EQ(1, live);
     EXPECT_EQ(1, replayed);
     // The probe files, cut to what the probes read: of the PCI devices, the display devices' seven attributes.
     size_t files = 0;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(snapshot)) files += entry.is_regular_file();
     EXPECT_EQ(1u + 4 + 2 * 7, files);
-    const std::pair<const char*, const char*> kKept[] = {
-        {"proc/cpuinfo", "model name\t: CPU @ 2.10GHz\n"},
-        {"proc/meminfo", "MemTotal:       1048576 kB\n"},
-        {"sys/devices/system/cpu/online", "0\n"},
-        {"usr/share/misc/pci.ids", "10de  NVIDIA Corporation\n\t28e0  AD107M [GeForce RTX 4060 Max-Q / Mobile]\n"
-                                   "8086  Intel Corporation\n\ta780  Raptor Lake-S GT1 [UHD Graphics 770]\n"}};
-    for (const auto& [path, text] : kKept) EXPECT_EQ(text, ReadFile(snapshot + "/" + path)) << path;
+    EXPECT_EQ("model name\t: CPU @ 2.10GHz\n", ReadFile(snapshot + "/proc/cpuinfo"));
+    EXPECT_EQ("MemTotal:       1048576 kB\n", ReadFile(snapshot + "/proc/meminfo"));
+    EXPECT_EQ("10de  NVIDIA Corporation\n\t28e0  AD107M [GeForce RTX 4060 Max-Q / Mobile]\n"
+              "8086  Intel Corporation\n\ta780  Raptor Lake-S GT1 [UHD Graphics 770]\n",
+              ReadFile(snapshot + "/usr/share/misc/pci.ids"));
     const std::string manifest = ReadFile(snapshot + "/rigwarden.json");
+    EXPECT_NE(std::string::npos, manifest.find("\n  \"Answer\": {\n    \"IsError\": false,\n")) << manifest;
     std::string version = Check("--version", live).substr(16);
     version.pop_back();
-    EXPECT_NE(std::string::npos, manifest.find("  \"Version\": \"" + version + "\",\n  \"Platform\": \"linux\",\n"));
-    EXPECT_TRUE(std::regex_search(manifest, std::regex("\n  \"Captured\": \"20[0-9][0-9]-[01][0-9]-[0-3][0-9]T"
-                                                       "[0-2][0-9]:[0-5][0-9]:[0-5][0-9]Z\",\n")));
-    EXPECT_NE(std::string::npos, manifest.find("\n  \"Answer\": {\n    \"IsError\": false,\n")) << manifest;
 
     // Snapshots from elsewhere, or damaged ones, are refused with the reason, never judged.
     const struct {
         const char* file;
         std::string from, to, message;
     } kDamages[] = {
-        {"rigwarden.json", version, "9.9.9",
+        {"rigwarden.json", "\"Version\": \"" + version, "\"Version\": \"9.9.9",
          "was captured by rigwarden-check 9.9.9; this is rigwarden-check " + version},
-        {"rigwarden.json", "\"linux\"", "\"windows\"",
+        {"rigwarden.json", "\"Platform\": \"linux\"", "\"Platform\": \"windows\"",
          "was captured on windows; this rigwarden-check reads linux snapshots"},
         {"rigwarden.json", "    \"proc/cpuinfo", "    \"../proc/cpuinfo",
          "is damaged: rigwarden.json is not as it was written"},
@@ -230,10 +215,8 @@ TEST(Query, CaptureThenReplayAnswersAsTheMachineDid) {
         EXPECT_EQ(65, live) << damage.message;
     }
 
+    // A folder that is not empty is never written into.
     EXPECT_EQ("rigwarden-check: cannot capture into '" + snapshot + "' is not an empty folder that can be written\n",
               Check("--capture " + snapshot + db + " 2>&1 >/dev/null", live));
-    EXPECT_EQ(73, live); // a folder that is not empty is never written into
-    Check("--capture " + snapshot + "2 --root " + snapshot + " 2>/dev/null", live);
-    EXPECT_EQ(64, live);
-    EXPECT_FALSE(std::filesystem::exists(snapshot + "2"));
+    EXPECT_EQ(73, live);
 }
