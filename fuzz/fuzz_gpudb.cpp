@@ -2,10 +2,7 @@
 #include "oRigwarden.h"
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 // The database reads numbers where they lie; they must read exactly as the C runtime
@@ -23,10 +20,7 @@ static void CompareWithCRuntime(const uint8_t* data, size_t size) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CompareWithCRuntime(data, size);
-    std::vector<vsGpuInfo> adapters;
-    adapters.emplace_back("NVIDIA GeForce RTX 4090", 0x10DE, 0x2684);
-    adapters.emplace_back("Intel UHD Graphics 770", 0x8086, 0xA780);
-    adapters.emplace_back("twin", 0x10DE, 0x2684);
+    std::vector<vsGpuInfo> adapters = {{"RTX 4090", 0x10DE, 0x2684}, {"UHD 770", 0x8086, 0xA780}, {"twin", 0x10DE, 0x2684}};
     oRigwarden::ApplyDatabaseText(data, uint32_t(size), adapters);
     uint32_t best = oRigwarden::ChooseBestAdapter(adapters);
     if (best >= adapters.size()) __builtin_trap();

@@ -3,11 +3,9 @@
 // within its bounds.
 #include "keel/klhttpclient.h"
 
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
-#include <string>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string bytes(reinterpret_cast<const char*>(data), size);

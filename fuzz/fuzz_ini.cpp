@@ -4,10 +4,10 @@
 
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <set>
 #include <string>
 
 namespace {
@@ -27,18 +27,16 @@ const char* WorkFolder() {
 Entries Collect(klIni& ini, const std::string& text) {
     Entries entries;
     // Section names are only known from the text; every "[...]" candidate is tried.
-    std::map<std::string, bool> sections = {{"default", true}};
+    std::set<std::string> sections = {"default"};
     for (size_t at = text.find('['); at != std::string::npos; at = text.find('[', at + 1)) {
         const size_t end = text.find_first_of("]\n", at + 1);
-        if (end != std::string::npos) sections[text.substr(at + 1, end - at - 1)] = true;
+        if (end != std::string::npos) sections.insert(text.substr(at + 1, end - at - 1));
     }
-    for (const auto& candidate : sections) {
-        const std::string& section = candidate.first;
+    for (const std::string& section : sections)
         ini.ForEachKey(section.c_str(), [&](const char* key, const char* value) {
             entries[section + "\n" + key] = value;
             ini.GetValue(section.c_str(), key);
         });
-    }
     return entries;
 }
 

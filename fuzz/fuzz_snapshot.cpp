@@ -4,20 +4,14 @@
 
 #include <unistd.h>
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
 #include <filesystem>
-#include <string>
+#include <fstream>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const std::string folder =
         (std::filesystem::temp_directory_path() / ("rigwarden-fuzz-snapshot-" + std::to_string(getpid()))).string();
     std::filesystem::create_directories(folder);
-    FILE* manifest = std::fopen((folder + "/rigwarden.json").c_str(), "wb");
-    if (!manifest) return 0;
-    std::fwrite(data, 1, size, manifest);
-    std::fclose(manifest);
+    std::ofstream(folder + "/rigwarden.json", std::ios::binary).write(reinterpret_cast<const char*>(data), size);
     klString error;
     oRigwardenSnapshot::Status status = oRigwardenSnapshot::Check(folder.c_str(), "0.1.0", error);
     // The folder holds the manifest alone, so only an empty file list can be usable.

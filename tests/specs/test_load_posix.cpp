@@ -1,7 +1,6 @@
 // The shared library as a launcher loads it with dlopen: by the time dlopen returns, every
-// singleton the library holds must exist. Their holders are local symbols, so the test
-// finds them in the library's symbol table and reads each holder's instance pointer (its
-// last member) in the loaded image.
+// singleton the library holds must exist. Each holder (a local symbol found with nm) has its
+// instance pointer as its last member.
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
@@ -14,9 +13,8 @@
 
 TEST(LoadPosix, LoadingTheLibraryCreatesEverySingleton) {
     void* library = dlopen(RIGWARDEN_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(nullptr, library) << dlerror();
     link_map* map = nullptr;
-    ASSERT_EQ(0, dlinfo(library, RTLD_DI_LINKMAP, &map));
+    ASSERT_TRUE(library && dlinfo(library, RTLD_DI_LINKMAP, &map) == 0) << dlerror();
     // Every klSingleton<T>::sInstance the library defines: "offset size type name" lines.
     std::string names, command = std::string(RIGWARDEN_NM) + " -C -S --defined-only " + RIGWARDEN_LIBRARY_PATH +
                                  " | grep ' klSingleton<.*>::sInstance$'";
@@ -25,7 +23,6 @@ TEST(LoadPosix, LoadingTheLibraryCreatesEverySingleton) {
     unsigned long long offset = 0, size = 0;
     while (std::fgets(line, sizeof(line), pipe) && std::sscanf(line, "%llx %llx", &offset, &size) == 2) {
         names += line;
-        ASSERT_GE(size, sizeof(void*)) << line;
         void* instance = nullptr;
         std::memcpy(&instance, reinterpret_cast<const char*>(map->l_addr + offset + size) - sizeof(void*),
                     sizeof(void*));
@@ -45,7 +42,6 @@ TEST(LoadPosixDeathTest, ExitingWithoutUnloadingEndsCleanly) {
             void* library = dlopen(RIGWARDEN_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
             auto query = reinterpret_cast<void* (*)(const char*)>(dlsym(library, "rigwarden_get_spec_info"));
             auto release = reinterpret_cast<void (*)(void*)>(dlsym(library, "rigwarden_free_spec_info"));
-            if (!query || !release) std::exit(2);
             release(query("/no/such/folder"));
             std::exit(0);
         },
