@@ -1,8 +1,6 @@
-/* The byte layout of the records of Specs.h, one FIELD(record, field, offset with 4-byte
- * pointers, with 8-byte pointers) per field in field order, then SIZE(record, size with 4-byte
- * pointers, with 8-byte pointers). The C tests check it with offsetof at compile time in every
- * build; the managed tests read this very file (embedded in the test assembly) and check their
- * marshalling declarations against both columns. */
+/* The byte layout of the records of Specs.h with 4-byte and with 8-byte pointers: FIELD(record,
+ * field, offset, offset) in field order, then SIZE(record, size, size). The C tests check it at
+ * compile time; the managed tests read this file and check their declarations against it. */
 #ifndef RIGWARDEN_SPECS_LAYOUT_H
 #define RIGWARDEN_SPECS_LAYOUT_H
 

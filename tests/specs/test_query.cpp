@@ -57,9 +57,9 @@ TEST(Query, ConcurrentQueriesGiveIdenticalAnswers) {
         return text;
     };
     const std::string expected = describe();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&] {
+    std::thread threads[4];
+    for (std::thread& thread : threads)
+        thread = std::thread([&] {
             for (int i = 0; i < 25; ++i) EXPECT_EQ(expected, describe());
         });
     for (std::thread& thread : threads) thread.join();
@@ -160,7 +160,6 @@ TEST(Query, CaptureThenReplayAnswersAsTheMachineDid) {
     DescribeMachine(machine);
     machine.AddPci("0000:00:1f.3", 0x040300, 0x8086, 0x51c8); // audio
     machine.SetCpu("processor\t: 0\nmodel name\t: CPU @ 2.10GHz\nSerial\t\t: 00000000deadbeef\n", "0\n");
-    machine.Write("proc/meminfo", "MemTotal:       1048576 kB\nMemFree:  1 kB\n");
     const std::string db = " --db " + machine.Root() + "/db", snapshot = machine.Root() + "/snapshot";
     int live = -1, replayed = -1;
     std::string report = Check("--json" + db + " --capture " + snapshot, live, "RIGWARDEN_ROOT=" + machine.Root());
@@ -171,8 +170,7 @@ TEST(Query, CaptureThenReplayAnswersAsTheMachineDid) {
     size_t files = 0;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(snapshot)) files += entry.is_regular_file();
     EXPECT_EQ(1u + 4 + 2 * 7, files);
-    EXPECT_EQ("model name\t: CPU @ 2.10GHz\n", ReadFile(snapshot + "/proc/cpuinfo"));
-    EXPECT_EQ("MemTotal:       1048576 kB\n", ReadFile(snapshot + "/proc/meminfo"));
+    EXPECT_EQ("model name\t: CPU @ 2.10GHz\n", ReadFile(snapshot + "/proc/cpuinfo")); // never the serial number
     EXPECT_EQ("10de  NVIDIA Corporation\n\t28e0  AD107M [GeForce RTX 4060 Max-Q / Mobile]\n"
               "8086  Intel Corporation\n\ta780  Raptor Lake-S GT1 [UHD Graphics 770]\n",
               ReadFile(snapshot + "/usr/share/misc/pci.ids"));

@@ -5,10 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
-namespace {
-const char* gFile = "(no report)";
-void Keep(const char*, const char* file, int, const char*) { gFile = file; }
-} // namespace
+static const char* gFile = "(no report)";
+static void Keep(const char*, const char* file, int, const char*) { gFile = file; }
 
 int main() {
     klAssertReportHook = Keep;

@@ -7,11 +7,8 @@ public class SpecsFacts : IDisposable
 {
     public void Dispose() => SpecsCases.RemoveMachines();
 
-    [Fact] public void Defaults() => SpecsCases.Defaults();
     [Fact] public void KnownMachine() => SpecsCases.KnownMachine();
     [Fact] public void EmptyMachine() => SpecsCases.EmptyMachine();
-    [Fact] public void NoDatabase() => SpecsCases.NoDatabase();
     [Fact] public void BundledDatabase() => SpecsCases.BundledDatabase();
-    [Fact] public void ConcurrentQueries() => SpecsCases.ConcurrentQueries();
     [Fact] public void RecordLayout() => SpecsCases.RecordLayout();
 }
