@@ -1,6 +1,5 @@
 // A captured Linux machine in a temporary folder of this process's own (test programs of
-// several builds may run at once): the sysfs and procfs files the probes read, and a
-// small pci.ids. Use() points the probes at it through RIGWARDEN_ROOT.
+// several builds may run at once). Use() points the probes at it through RIGWARDEN_ROOT.
 #pragma once
 
 #include <cstdio>
@@ -43,13 +42,6 @@ public:
         if (enable >= 0) Write(folder + "enable", std::to_string(enable) + "\n");
     }
 
-    void SetCpu(const std::string& cpuinfo, const std::string& online = "0-7\n") const {
-        Write("proc/cpuinfo", cpuinfo);
-        Write("sys/devices/system/cpu/online", online);
-    }
-    void SetMemoryKB(unsigned long long kb) const {
-        Write("proc/meminfo", "MemTotal:       " + std::to_string(kb) + " kB\nMemFree:  1 kB\n");
-    }
     void AddPciIds() const {
         Write("usr/share/misc/pci.ids",
               "# a small excerpt\n"

@@ -8,7 +8,5 @@ public class SpecsFacts : IDisposable
     public void Dispose() => SpecsCases.RemoveMachines();
 
     [Fact] public void KnownMachine() => SpecsCases.KnownMachine();
-    [Fact] public void EmptyMachine() => SpecsCases.EmptyMachine();
     [Fact] public void BundledDatabase() => SpecsCases.BundledDatabase();
-    [Fact] public void RecordLayout() => SpecsCases.RecordLayout();
 }
