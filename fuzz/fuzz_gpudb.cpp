@@ -5,8 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-// The database reads numbers where they lie; they must read exactly as the C runtime
-// reads a terminated copy of the token.
+// Numbers are read where they lie, exactly as the C runtime reads a terminated copy of the token.
 static void CompareWithCRuntime(const uint8_t* data, size_t size) {
     std::string token(reinterpret_cast<const char*>(data), std::min<size_t>(size, 64));
     token = token.substr(0, token.find_first_of(std::string(",\t ;\0", 5)));
@@ -20,7 +19,8 @@ static void CompareWithCRuntime(const uint8_t* data, size_t size) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CompareWithCRuntime(data, size);
-    std::vector<vsGpuInfo> adapters = {{"RTX 4090", 0x10DE, 0x2684}, {"UHD 770", 0x8086, 0xA780}, {"twin", 0x10DE, 0x2684}};
+    std::vector<vsGpuInfo> adapters = {{"RTX 4090", 0x10DE, 0x2684}, {"UHD 770", 0x8086, 0xA780},
+                                       {"twin", 0x10DE, 0x2684}};
     oRigwarden::ApplyDatabaseText(data, uint32_t(size), adapters);
     uint32_t best = oRigwarden::ChooseBestAdapter(adapters);
     if (best >= adapters.size()) __builtin_trap();

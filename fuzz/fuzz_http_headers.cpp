@@ -1,6 +1,5 @@
-// Feeds arbitrary bytes to the HTTP response-head reader, and the same bytes as text to
-// the date parser and the URL splitter. Nothing may overflow, and every field stays
-// within its bounds.
+// Feeds arbitrary bytes to the HTTP response-head reader, and as text to the date parser and
+// the URL splitter: nothing may overflow, and every field stays within its bounds.
 #include "keel/klhttpclient.h"
 
 #include <cstdlib>

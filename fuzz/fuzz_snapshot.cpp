@@ -1,5 +1,4 @@
-// Feeds arbitrary bytes to the snapshot check as a folder's rigwarden.json: it must refuse
-// or accept them without a crash, and refuse every one that names a file it cannot find.
+// Feeds arbitrary bytes to the snapshot check as rigwarden.json: a manifest naming files not there is refused.
 #include "oRigwardenSnapshot.h"
 
 #include <unistd.h>

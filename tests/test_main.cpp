@@ -2,8 +2,7 @@
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
-    // Death tests start the program afresh, away from other tests' threads and state; an
-    // emulated program cannot start itself again, so there they run in a forked copy.
+    // Death tests start the program afresh; an emulated one cannot, so there they fork.
 #ifdef KEEL_TEST_UNDER_EMULATOR
     GTEST_FLAG_SET(death_test_style, "fast");
 #else

@@ -1,6 +1,5 @@
-// The managed classes on a real runtime, against a captured machine written to a scratch
-// folder that RIGWARDEN_ROOT points the native probes at. Each case throws on its first
-// failed check; Mono's runner (SpecsTests.cs) and the xunit project on .NET both run them.
+// The managed classes on a real runtime, against a captured machine that RIGWARDEN_ROOT points the
+// native probes at. Each case throws on its first failed check; Mono and xunit runners run them.
 using System;
 using System.IO;
 using System.Linq;
@@ -71,18 +70,4 @@ public static class SpecsCases
             Expect(info.GpuInfo.Length == 2 && info.GpuInfo.All(gpu => gpu.NotListed && gpu.NotListedInfo != ""),
                    "no database");
     }
-
-    // The default database that travels with the assembly (the package's content files
-    // land beside it in a consumer's output) knows the machine's discrete card.
-    public static void BundledDatabase()
-    {
-        MakeMachine("bundled");
-        string folder = Path.Combine(Path.GetDirectoryName(typeof(Specs).Assembly.Location), "gpudb");
-        SpecInfo info = Specs.GetSpecInfo(folder);
-        Expect(info.GpuInfo.Length == 2 && !info.GpuInfo[1].NotListed && info.GpuInfo[1].RecommendedVideoQuality == 4,
-               "the bundled database in " + folder + " lists the RTX 4090");
-    }
-
-    // Every case that needs no package, for runners without a test framework of their own.
-    public static readonly Action[] All = { KnownMachine };
 }

@@ -1,5 +1,4 @@
-// A captured Linux machine in a temporary folder of this process's own (test programs of
-// several builds may run at once). Use() points the probes at it through RIGWARDEN_ROOT.
+// A captured Linux machine in a temporary folder of this process's own; Use() points the probes at it.
 #pragma once
 
 #include <cstdio>
@@ -35,9 +34,6 @@ public:
         Write(folder + "class", Hex(cls, 6));
         Write(folder + "vendor", Hex(vendor, 4));
         Write(folder + "device", Hex(device, 4));
-        Write(folder + "subsystem_vendor", Hex(0x1043, 4));
-        Write(folder + "subsystem_device", Hex(0x8a2c, 4));
-        Write(folder + "revision", Hex(0xa1, 2));
         Write(folder + "boot_vga", bootVga ? "1\n" : "0\n");
         if (enable >= 0) Write(folder + "enable", std::to_string(enable) + "\n");
     }

@@ -1,6 +1,5 @@
 /* The byte layout of the records of Specs.h with 4-byte and with 8-byte pointers: FIELD(record,
- * field, offset, offset) in field order, then SIZE(record, size, size). The C tests check it at
- * compile time; the managed tests read this file and check their declarations against it. */
+ * field, offset, offset) in field order, then SIZE(record, size, size); checked at compile time. */
 #ifndef RIGWARDEN_SPECS_LAYOUT_H
 #define RIGWARDEN_SPECS_LAYOUT_H
 

@@ -48,7 +48,6 @@ TEST(Database, Records) {
         {"FFFFFFFF 7 1 2 3 D\n", 0xFFFFFFFF, 7, "1 2 3 D"},
         {"1000010DE 7 1 2 3 D\n", 0x10DE, 7, "1 2 3 D"},
         {"-1 7 1 2 3 D\n", 0xFFFFFFFF, 7, "1 2 3 D"},
-        {"10dg 7 1 2 3 D\n", 0x10D, 7, "1 2 3 D"},
     };
     for (const auto& row : kRows) {
         // Every adapter with the record's ids takes it; one whose device differs never does.
@@ -76,12 +75,6 @@ TEST_F(DatabaseFolder, EveryCfgFileOnceAndTheBestAdapter) {
               Fields(adapters));
     EXPECT_EQ(aFirst ? 1u : 4u, best);
     EXPECT_EQ(0, adapters[2].notListedInfo.Find("Could not find graphics adapter (0x10DE, 0x4, gpu 10de:4)"));
-
-    // Missing folders, a folder that is a file, and no folder at all change nothing.
-    auto lonely = Adapters({{0x10DE, 0x3}});
-    oRigwarden::GetGpuInfo({"/no/such/folder", Path("a.cfg").c_str(), ""}, lonely, best);
-    EXPECT_EQ("-|", Fields(lonely));
-    EXPECT_EQ(0u, best);
 }
 
 TEST(Database, BestAdapterChoice) {
@@ -104,8 +97,7 @@ TEST(Verdict, MessagesInOrderAndBoundaries) {
     const uint64_t MB = 1 << 20;
     auto adapters = Adapters({{0x10DE, 0x1}});
     vsSpecInfo pass = oRigwarden::GetSpecInfo(adapters, 0, 2, 2200, 2047 * MB);
-    EXPECT_FALSE(pass.underMinSpec);
-    EXPECT_TRUE(pass.underMinSpecReason.IsEmpty());
+    EXPECT_TRUE(!pass.underMinSpec && pass.underMinSpecReason.IsEmpty());
 
     adapters[0].recommendedVideoQuality = -1;
     EXPECT_STREQ("CPU is under minimal hardware specs. Found: 1 cores @2199MHz). Required: 2 cores @2200MHz).\n"
@@ -128,14 +120,12 @@ TEST(Verdict, MessagesInOrderAndBoundaries) {
 TEST(Collector, ParsesIdsInheritsCutsAndDedupes) {
     std::vector<vsGpuInfo> adapters;
     vsAdapterCollector collector(adapters);
-    char first[] = "PCI\\VEN_10DE&DEV_0de1&SUBSYS_00000000&REV_A1";
-    collector.Add(true, first, "GeForce");
-    EXPECT_STREQ("PCI\\VEN_10DE", first); // cut at every "&"
     const struct {
         bool attached;
         std::string id;
         const char* name;
     } kDevices[] = {
+        {true, "PCI\\VEN_10DE&DEV_0de1&SUBSYS_00000000&REV_A1", "GeForce"},
         {true, "PCI\\VEN_10DE&DEV_0DE1&SUBSYS_11111111&REV_A1", "GeForce, second output"},
         {false, "PCI\\VEN_1002&DEV_68C1", "Radeon"},
         {true, "PCI\\DEV_1234&SUBSYS_0", "inherits 10DE"}, // the vendor of the device before it

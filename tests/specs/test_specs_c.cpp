@@ -1,5 +1,4 @@
-// The C interface, through the shared library as a launcher loads it. This program does
-// not link keel itself: the library must keep its allocator and everything else inside.
+// The C interface through the shared library, in a program without keel of its own.
 #include "Specs.h"
 #include "specs_layout.h"
 
@@ -9,9 +8,7 @@
 #include <cstdio>
 #include <string>
 
-// The records' layout at this build's pointer size, checked by the compiler: the 32-bit
-// builds (Windows i686, Linux i386) check the first column, the others the second.
-static_assert(sizeof(void*) == 4 || sizeof(void*) == 8, "a pointer size the layout table knows");
+// The records' layout at this build's pointer size: 32-bit builds check the first column.
 #define RIGWARDEN_CHECK_FIELD(record, field, at32, at64) \
     static_assert(offsetof(record, field) == (sizeof(void*) == 4 ? (at32) : (at64)), #record "." #field);
 #define RIGWARDEN_CHECK_SIZE(record, size32, size64) \

@@ -1,5 +1,4 @@
-// Built against the installed keel: an assertion in keel's header code names the header
-// core/keel/<file>, as in keel's own build, and not by the folder it was installed to.
+// Built against the installed keel: an assertion in keel's headers names core/keel/<file>, not the install folder.
 #include <keel/klbuffer.h>
 
 #include <cstdio>
