@@ -123,7 +123,7 @@ TEST_F(ProbeW32, AttachedAdaptersAndWhatTheDeviceRegistryAdds) {
         // Present devices are deduplicated like attached ones; an absent property is no device.
         {{{{DISPLAY_DEVICE_ATTACHED_TO_DESKTOP, "PCI\\VEN_10DE&DEV_2684&REV_A1", "NVIDIA GeForce RTX 4090"}},
           {{0, "PCI\\VEN_10DE&DEV_2684&REV_A1", "second name of the same card"},
-            {0, nullptr, "no hardware id at all"},
+           {0, nullptr, "no hardware id at all"},
            {0, "PCI\\VEN_1002&DEV_744C", nullptr},
            {0, "PCI\\VEN_1002&DEV_73BF", longName.c_str()}}},
          kRtx, kRtx + longName + " 1002:73bf 0|"},
