@@ -94,11 +94,10 @@ function(managed_assembly output kind)
                        VERBATIM)
 endfunction()
 
-set(layout ${PROJECT_SOURCE_DIR}/tests/specs/specs_layout.h)
 managed_assembly(Rigwarden.dll library ${PROJECT_SOURCE_DIR}/specs/Specs.cs)
 managed_assembly(Launcher.exe exe ${PROJECT_SOURCE_DIR}/examples/launcher/Launcher.cs)
 managed_assembly(SpecsTests.exe exe ${PROJECT_SOURCE_DIR}/tests/specs/SpecsTests.cs
-                 ${PROJECT_SOURCE_DIR}/tests/specs/SpecsCases.cs MCS_FLAGS -resource:${layout},specs_layout.h DEPENDS ${layout})
+                 ${PROJECT_SOURCE_DIR}/tests/specs/SpecsCases.cs)
 managed_assembly(SpecsBench.exe exe ${PROJECT_SOURCE_DIR}/bench/SpecsBench.cs)
 add_custom_target(rigwarden_mono
                   DEPENDS ${RIGWARDEN_MONO_DLL} ${RIGWARDEN_MANAGED_DIR}/Launcher.exe
