@@ -1,4 +1,4 @@
-// "http://" paths through klFileSystem::Open and Close, against nginx and the fault server.
+// "http://" paths through klFileSystem::Open and Close, against tests/net/server.py.
 #include "keel/klfilesystem.h"
 #include "servers.h"
 #include "../keel/keel_test.h"
@@ -46,7 +46,7 @@ protected:
     void SetUp() override {
         TempFolderTest::SetUp();
         klFileSystem::SetLogDir(Path("local").c_str());
-        if (!keelnet::StartNginx(&mServer)) GTEST_SKIP() << "nginx is not available";
+        if (!mServer.Start()) GTEST_SKIP() << "python3 is not installed or the server did not start";
     }
     keelnet::TestServer mServer;
 };
@@ -59,35 +59,35 @@ using KlNetworkCacheConcurrent = keeltest::TempFolderTest;
 TEST_F(KlNetworkCache, ReadsThroughTheCacheAndRefetchesChanges) {
     const std::string url = mServer.Url("/dir/file.bin");
     const std::string first = keelnet::Pattern(100000, 1);
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "dir/file.bin", first));
+    ASSERT_TRUE(mServer.Put("/dir/file.bin", first));
     EXPECT_EQ(first, ReadUrl(url));
     const fs::path cached(klFileSystem::NetworkCachePath(url.c_str()).Const());
     EXPECT_EQ(first, keelnet::ReadWholeFile(cached.string()));
     EXPECT_EQ(first, ReadUrl(url)); // unchanged: asked about, not fetched again
-    EXPECT_EQ(2u, Count(mServer.AccessLog(), "HEAD /dir/file.bin"));
-    EXPECT_EQ(1u, Count(mServer.AccessLog(), "GET /dir/file.bin"));
+    EXPECT_EQ(2u, Count(mServer.Log(), "HEAD /dir/file.bin"));
+    EXPECT_EQ(1u, Count(mServer.Log(), "GET /dir/file.bin"));
 
     const std::string second = keelnet::Pattern(100001, 2);
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "dir/file.bin", second));
+    ASSERT_TRUE(mServer.Put("/dir/file.bin", second));
     EXPECT_EQ(second, ReadUrl(url));
     // Same size, other bytes: only the time tells, and it must.
     const std::string third = keelnet::Pattern(100001, 3);
-    const fs::path served = fs::path(mServer.root) / "dir/file.bin";
+    const fs::path served = mServer.Served("/dir/file.bin");
     const auto before = fs::last_write_time(served);
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "dir/file.bin", third));
+    ASSERT_TRUE(mServer.Put("/dir/file.bin", third));
     fs::last_write_time(served, before + std::chrono::hours(1));
     EXPECT_EQ(third, ReadUrl(url));
-    EXPECT_EQ(3u, Count(mServer.AccessLog(), "GET /dir/file.bin"));
+    EXPECT_EQ(3u, Count(mServer.Log(), "GET /dir/file.bin"));
 }
 
 TEST_F(KlNetworkCache, WrittenAndAppendedFilesAreUploaded) {
-    const std::string url = mServer.Url("/up/new.bin"), served = mServer.root + "/up/new.bin";
+    const std::string url = mServer.Url("/up/new.bin"), served = mServer.Served("/up/new.bin");
     const std::string bytes = keelnet::Pattern(70000, 4);
     ASSERT_TRUE(WriteUrl(url, "wb", bytes));
     EXPECT_EQ(bytes, keelnet::ReadWholeFile(served));
     ASSERT_TRUE(WriteUrl(url, "ab", "tail"));
     EXPECT_EQ(bytes + "tail", keelnet::ReadWholeFile(served));
-    EXPECT_EQ(2u, Count(mServer.AccessLog(), "PUT /up/new.bin"));
+    EXPECT_EQ(2u, Count(mServer.Log(), "PUT /up/new.bin"));
     // The upload reads the file that was opened, wherever the local folder has moved since.
     FILE* fp = klFileSystem::Open(mServer.Url("/up/moved.bin").c_str(), "wb");
     ASSERT_NE(nullptr, fp);
@@ -95,7 +95,7 @@ TEST_F(KlNetworkCache, WrittenAndAppendedFilesAreUploaded) {
     klFileSystem::SetLogDir(Path("elsewhere").c_str());
     klFileSystem::Close(fp);
     klFileSystem::SetLogDir(Path("local").c_str());
-    EXPECT_EQ("opened here", keelnet::ReadWholeFile(mServer.root + "/up/moved.bin"));
+    EXPECT_EQ("opened here", keelnet::ReadWholeFile(mServer.Served("/up/moved.bin")));
 }
 
 TEST_F(KlNetworkCache, FailuresEndTheOpenInBoundedTime) {
@@ -103,21 +103,21 @@ TEST_F(KlNetworkCache, FailuresEndTheOpenInBoundedTime) {
     const std::string refused = "http://127.0.0.1:" + std::to_string(keelnet::UnusedPort()) + "/x";
     EXPECT_EQ(nullptr, klFileSystem::Open(refused.c_str(), "rb"));
     EXPECT_EQ(nullptr, klFileSystem::Open(mServer.Url("/missing.bin").c_str(), "rb"));
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "chain.txt", "elsewhere"));
+    ASSERT_TRUE(mServer.Put("/chain.txt", "elsewhere"));
     EXPECT_EQ(nullptr, klFileSystem::Open(mServer.Url("/chain/10").c_str(), "rb")); // moved
     EXPECT_EQ(nullptr, klFileSystem::Open(mServer.Url("/found").c_str(), "rb"));
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
-    const std::string log = mServer.AccessLog();
+    const std::string log = mServer.Log();
     EXPECT_EQ(0u, Count(log, "GET /missing.bin") + Count(log, "GET /chain"));
     EXPECT_EQ(3u, Count(log, "GET /found")); // a download that keeps failing is given up
 
     // Nothing outside the cache folder is asked for or written.
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "x.txt", "x"));
+    ASSERT_TRUE(mServer.Put("/x.txt", "x"));
     for (const char* path : {"/../escape.txt", "/a/%2e%2e/%2E%2e/%2e%2e/escape.txt", "/a\\..\\..\\escape.txt"}) {
         EXPECT_FALSE(WriteUrl(mServer.Url(path), "wb", "bad")) << path;
         EXPECT_EQ("<failed>", ReadUrl(mServer.Url(path))) << path;
     }
-    EXPECT_EQ(0u, Count(mServer.AccessLog(), "escape"));
+    EXPECT_EQ(0u, Count(mServer.Log(), "escape"));
     for (const auto& entry : fs::recursive_directory_iterator(mDir))
         EXPECT_EQ(std::string::npos, entry.path().string().find("escape")) << entry.path();
 }
@@ -127,9 +127,7 @@ TEST_F(KlNetworkCache, KeepsOnlyWholeCurrentBodies) {
     const std::pair<const char*, std::string> rows[] = {{"changed", keelnet::Pattern(300, 7)}, {"stuck", "<failed>"}, {"norange", "<failed>"}};
     for (const auto& [scenario, expected] : rows) {
         SCOPED_TRACE(scenario);
-        keelnet::TestServer faults;
-        if (!keelnet::StartFaultServer(&faults, scenario)) GTEST_SKIP() << "python3 did not start";
-        const std::string url = faults.Url((std::string("/faults/") + scenario).c_str());
+        const std::string url = mServer.Url(std::string("/") + scenario + "/file");
         const auto start = std::chrono::steady_clock::now();
         EXPECT_TRUE(ReadUrl(url) == expected);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
@@ -140,7 +138,7 @@ TEST_F(KlNetworkCache, KeepsOnlyWholeCurrentBodies) {
 
 TEST_F(KlNetworkCache, FoldersAndLastingFaults) {
     // A bare host is "/": its file lies inside the cache folder, never on it.
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "index.html", "front page"));
+    ASSERT_TRUE(mServer.Put("/index.html", "front page"));
     const std::string bare = mServer.Url("");
     EXPECT_EQ("front page", ReadUrl(bare));
     EXPECT_EQ(klFileSystem::NetworkCachePath(bare.c_str()), klFileSystem::NetworkCachePath((bare + "/").c_str()));
@@ -150,7 +148,7 @@ TEST_F(KlNetworkCache, FoldersAndLastingFaults) {
     // A file where the cache needs a folder is no contention: the open fails at once.
     const fs::path blocker(klFileSystem::NetworkCachePath(mServer.Url("/blocked").c_str()).Const());
     std::ofstream(blocker) << "a file";
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "blocked/x.bin", "x"));
+    ASSERT_TRUE(mServer.Put("/blocked/x.bin", "x"));
     const auto start = std::chrono::steady_clock::now();
     testing::internal::CaptureStdout();
     EXPECT_EQ("<failed>", ReadUrl(mServer.Url("/blocked/x.bin")));
@@ -159,7 +157,7 @@ TEST_F(KlNetworkCache, FoldersAndLastingFaults) {
 
 #ifndef _WIN32
     // A disk that fills up during the download: the open fails and no part is kept.
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "big.bin", keelnet::Pattern(100000)));
+    ASSERT_TRUE(mServer.Put("/big.bin", keelnet::Pattern(100000)));
     rlimit saved{};
     getrlimit(RLIMIT_FSIZE, &saved);
     const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
