@@ -1,6 +1,5 @@
 #include "servers.h"
 
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -37,9 +36,7 @@ bool TestServer::Put(const std::string& path, const std::string& bytes) const {
 
 // The server detaches itself, so starting it returns at once on both platforms.
 bool TestServer::Start() {
-    static std::atomic<int> serial{0};
-    dir = std::string(KEEL_NET_DIR) + "/server-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) +
-          "-" + std::to_string(++serial);
+    dir = KEEL_NET_DIR "/server-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
     std::error_code failed;
     if (!fs::create_directories(dir, failed)) return false;
     std::string line = std::string(KEEL_NET_PYTHON) + " " + KEEL_NET_SERVER + " " + dir;
@@ -54,8 +51,10 @@ bool TestServer::Start() {
 #else
     if (std::system(line.c_str()) != 0) return false;
 #endif
-    for (int i = 0; i < 1000 && !fs::exists(dir + "/port"); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    std::istringstream(ReadWholeFile(dir + "/port")) >> port;
+    for (int i = 0; i < 1000 && port <= 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        std::istringstream(ReadWholeFile(dir + "/port")) >> port;
+    }
     return port > 0;
 }
 

@@ -307,22 +307,18 @@ TEST(klHTTPClientFaults, EachMisbehaviourEndsAsDocumented) {
         {"GET /overrange/f", 99, 0, 206, None, "", 0, 1.5, "", nullptr, true, {{"Range: bytes=0-99\n", 1}}},
         {"GET /silentonce/f", -1, 0, 200, None, "hello", 1.9, 6.0, "", nullptr, false, {}}, // asked again after 2 s
         {"GET /silentonce/f", -1, 700, 400, klHTTPFailure::TimeLimit, "", 0, 1.5, "", nullptr, false, {}},
-        {"GET /longheader/f", -1, 0, 200, None, "hello", 0, 60, "", nullptr, false, {}},
         {"GET /longlocation/f", -1, 0, 404, None, "", 0, 60, "Error: Could not parse: http://127.0.0.1:", nullptr, false,
          {{"GET ", 1}}},
         {"GET /garbage/f", -1, 0, 400, None, "", 0, 60, "", nullptr, false, {}},
         // Bodies that never complete end in a failure, never in a 2xx with part of a body.
-        {"GET /dropbody/f", -1, 0, 400, Incomplete, "", 0, 3.0, "", nullptr, false, {{"GET /dropbody/f HTTP/1.0\n", 3}}},
         {"GET /stuck/f", -1, 0, 400, Incomplete, Pattern(400), 0, 3.0, "", nullptr, false,
          {{"GET /stuck/f", 4}, {"Range: bytes=400-", 3}}},
         {"GET /norange/f", -1, 0, 400, Incomplete, Pattern(400), 0, 3.0, "", nullptr, false, {{"GET /norange/f", 4}}},
         // The resource changed under a resume: the answer holds the new body alone.
         {"GET /changed/f", -1, 0, 200, None, Pattern(300, 7), 0, 3.0, "", nullptr, false, {{"Range: bytes=500-" + ifRange, 1}}},
-        {"GET /relative/b/start", -1, 0, 200, None, "hello", 0, 60, "", "/relative/final?x=1", false,
+        {"GET /relative/b/start", -1, 0, 200, None, "hello", 0, 60, "", "/relative/end?x=1", false,
          {{"GET /relative/c/hop ", 1}}},
         {"GET /more/f", -1, 0, 200, None, "hello", 0, 60, "", nullptr, true, {}},
-        {"HEAD /basic/f", -1, 0, 200, None, "", 0, 60, "", nullptr, true, {}},
-        {"GET /nolength/f", -1, 0, 200, None, "", 0, 60, "", nullptr, true, {}},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.request);
