@@ -1,10 +1,8 @@
 #!/usr/bin/env python3
-"""The network tests' HTTP server: server.py DIR. It detaches itself, writes its port to
-DIR/port and every request head raw to DIR/requests.log (a connection's first after a line
-"CONNECT"), and ends once DIR is gone or after 120 s without a request. It serves DIR/www
-(GET, HEAD, byte ranges, PUT; the redirects MOVES names) and, below /<fault>/, the
-misbehaviour FAULTS names.
-"""
+"""The network tests' HTTP server: server.py DIR serves DIR/www (GET, HEAD, ranges, PUT,
+the redirects of MOVES) and below /<fault>/ the misbehaviours of FAULTS. It writes its port
+to DIR/port and each request head to DIR/requests.log (a connection's first after a line
+"CONNECT"), and ends once DIR is gone or after 120 s without a request."""
 import os, socketserver, sys, threading, time
 from email.utils import formatdate
 from types import SimpleNamespace
@@ -108,38 +106,30 @@ FAULTS = {
 }
 
 
-class Handler(socketserver.BaseRequestHandler):
+class Handler(socketserver.StreamRequestHandler):
     def handle(self):
-        data, fresh = b"", True
-        while True:
-            while not (ends := [data.find(m) + len(m) for m in (b"\n\n", b"\r\n\r\n") if m in data]):
-                if not (chunk := self.request.recv(65536)):
-                    return
-                data += chunk
-            head = data[:min(ends)].decode("latin-1")
+        fresh = True
+        while (head := self.rfile.readline()).strip():
+            while (line := self.rfile.readline()).strip():
+                head += line
+            head = (head + line).decode("latin-1")
             length = int(head.split("Content-Length: ")[1].split("\n")[0]) if "Content-Length: " in head else 0
-            while len(data) < min(ends) + length and (chunk := self.request.recv(65536)):
-                data += chunk
             q = SimpleNamespace(method=head.split(" ")[0], path=head.split(" ")[1], head=head,
-                                body=data[min(ends):min(ends) + length], port=self.server.server_address[1])
-            data = data[min(ends) + length:]
+                                body=self.rfile.read(length), port=self.server.server_address[1])
             with lock:
                 last_request[0] = time.time()
                 with open(os.path.join(DIR, "requests.log"), "a", encoding="latin-1") as log:
                     log.write(("CONNECT\n" if fresh else "") + head)
             fresh = False
             out, keep = FAULTS.get(q.path.split("/")[1], files)(q)
-            self.request.sendall(out[:out.find(b"\r\n\r\n") + 4] if q.method == "HEAD" else out)
+            self.wfile.write(out[:out.find(b"\r\n\r\n") + 4] if q.method == "HEAD" else out)
             if not keep:
                 return
 
 
 socketserver.ThreadingTCPServer.daemon_threads = True
 server = socketserver.ThreadingTCPServer(("127.0.0.1", 0), Handler)
-if os.fork():  # detached: out of the starter's session, its output let go
-    os._exit(0)
-os.setsid()
-quiet = os.open(os.devnull, os.O_RDWR)
+quiet = os.open(os.devnull, os.O_RDWR)  # the starter's output let go, so that nothing waits on it
 for fd in (0, 1, 2):
     os.dup2(quiet, fd)
 with open(os.path.join(DIR, "port"), "w") as f:

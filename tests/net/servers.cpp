@@ -1,5 +1,7 @@
 #include "servers.h"
 
+#include "keel/klnetworkbuf.h"
+
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -15,7 +17,6 @@ using socklen_t = int;
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 #endif
 
 namespace fs = std::filesystem;
@@ -34,7 +35,6 @@ bool TestServer::Put(const std::string& path, const std::string& bytes) const {
     return bool(std::ofstream(Served(path), std::ios::binary).write(bytes.data(), std::streamsize(bytes.size())));
 }
 
-// The server detaches itself, so starting it returns at once on both platforms.
 bool TestServer::Start() {
     dir = KEEL_NET_DIR "/server-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
     std::error_code failed;
@@ -49,7 +49,7 @@ bool TestServer::Start() {
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);
 #else
-    if (std::system(line.c_str()) != 0) return false;
+    if (std::system((line + " &").c_str()) != 0) return false;
 #endif
     for (int i = 0; i < 1000 && port <= 0; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -76,9 +76,7 @@ std::string Pattern(size_t n, uint32_t seed) {
 }
 
 int32_t ListenLoopback(int* port, int backlog) {
-#ifdef _WIN32
-    [[maybe_unused]] static const int started = [] { WSADATA data; return WSAStartup(MAKEWORD(2, 2), &data); }();
-#endif
+    [[maybe_unused]] static const bool started = kl::net::Startup();
     const auto s = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in at{};
     at.sin_family = AF_INET;
@@ -86,7 +84,7 @@ int32_t ListenLoopback(int* port, int backlog) {
     socklen_t len = sizeof(at);
     if (bind(s, reinterpret_cast<sockaddr*>(&at), sizeof(at)) != 0 || listen(s, backlog) != 0 ||
         getsockname(s, reinterpret_cast<sockaddr*>(&at), &len) != 0) {
-        CloseSocket(int32_t(s));
+        kl::net::ShutdownAndClose(int32_t(s));
         return -1;
     }
     *port = ntohs(at.sin_port);
@@ -95,19 +93,11 @@ int32_t ListenLoopback(int* port, int backlog) {
 
 int UnusedPort() {
     int port = 0;
-    CloseSocket(ListenLoopback(&port));
+    kl::net::ShutdownAndClose(ListenLoopback(&port));
     return port;
 }
 
 // The test has connected already: the connection waits in the queue.
 int32_t AcceptOne(int32_t listener) { return int32_t(accept(listener, nullptr, nullptr)); }
-
-void CloseSocket(int32_t s) {
-#ifdef _WIN32
-    closesocket(SOCKET(s));
-#else
-    close(s);
-#endif
-}
 
 } // namespace keelnet

@@ -13,10 +13,6 @@ std::string ReadWholeFile(const std::string& path); // "" when it cannot be read
 struct TestServer {
     int port = 0;
     std::string dir;
-
-    TestServer() = default;
-    TestServer(const TestServer&) = delete;
-    TestServer& operator=(const TestServer&) = delete;
     ~TestServer();
 
     bool Start(); // false when python3 is missing or the server is not up within 10 s
@@ -28,10 +24,9 @@ struct TestServer {
 
 int UnusedPort(); // a loopback port on which nothing listens right now
 // For tests that play the server: a socket listening on a free loopback port (-1 on
-// failure), the connection the test has made to it, and closing either.
+// failure) and the connection the test has made to it; kl::net::ShutdownAndClose closes either.
 int32_t ListenLoopback(int* port, int backlog = 8);
 int32_t AcceptOne(int32_t listener);
-void CloseSocket(int32_t s);
 size_t Count(const std::string& text, const std::string& needle); // overlaps counted
 // n bytes of the server's body pattern (seed 0); other seeds give other bytes.
 std::string Pattern(size_t n, uint32_t seed = 0);

@@ -318,8 +318,8 @@ TEST(klHTTPClientFaults, EachFaultEndsAsDocumented) {
         EXPECT_EQ(client.Request("GET", nullptr, &out), 200);
         EXPECT_EQ(Count(server.Log(), "CONNECT\n"), 2u);
     }
-    keelnet::CloseSocket(full);
-    keelnet::CloseSocket(quiet);
+    kl::net::ShutdownAndClose(full);
+    kl::net::ShutdownAndClose(quiet);
 }
 
 } // namespace
