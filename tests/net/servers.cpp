@@ -1,7 +1,5 @@
 #include "servers.h"
 
-#include "keel/klnetworkbuf.h"
-
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -75,29 +73,23 @@ std::string Pattern(size_t n, uint32_t seed) {
     return bytes;
 }
 
-int32_t ListenLoopback(int* port, int backlog) {
+Listener::Listener(int backlog) {
     [[maybe_unused]] static const bool started = kl::net::Startup();
-    const auto s = socket(AF_INET, SOCK_STREAM, 0);
+    socket = int32_t(::socket(AF_INET, SOCK_STREAM, 0));
     sockaddr_in at{};
     at.sin_family = AF_INET;
     at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof(at);
-    if (bind(s, reinterpret_cast<sockaddr*>(&at), sizeof(at)) != 0 || listen(s, backlog) != 0 ||
-        getsockname(s, reinterpret_cast<sockaddr*>(&at), &len) != 0) {
-        kl::net::ShutdownAndClose(int32_t(s));
-        return -1;
-    }
-    *port = ntohs(at.sin_port);
-    return int32_t(s);
+    if (bind(socket, reinterpret_cast<sockaddr*>(&at), sizeof(at)) == 0 && listen(socket, backlog) == 0 &&
+        getsockname(socket, reinterpret_cast<sockaddr*>(&at), &len) == 0)
+        port = ntohs(at.sin_port);
 }
 
-int UnusedPort() {
-    int port = 0;
-    kl::net::ShutdownAndClose(ListenLoopback(&port));
-    return port;
-}
+Listener::~Listener() { kl::net::ShutdownAndClose(socket); }
 
-// The test has connected already: the connection waits in the queue.
-int32_t AcceptOne(int32_t listener) { return int32_t(accept(listener, nullptr, nullptr)); }
+// The connection waits in the queue once Open has returned.
+int32_t Listener::Connect(klNetworkBuf* client) const {
+    return port > 0 && client->Open("127.0.0.1", port) ? int32_t(accept(socket, nullptr, nullptr)) : -1;
+}
 
 } // namespace keelnet

@@ -3,6 +3,8 @@
 // wine it runs as a host program. The destructor removes the folder, which ends it.
 #pragma once
 
+#include "keel/klnetworkbuf.h"
+
 #include <cstdint>
 #include <string>
 
@@ -22,11 +24,17 @@ struct TestServer {
     bool Put(const std::string& path, const std::string& bytes) const; // under www/, folders created
 };
 
-int UnusedPort(); // a loopback port on which nothing listens right now
-// For tests that play the server: a socket listening on a free loopback port (-1 on
-// failure) and the connection the test has made to it; kl::net::ShutdownAndClose closes either.
-int32_t ListenLoopback(int* port, int backlog = 8);
-int32_t AcceptOne(int32_t listener);
+// For tests that play the server: a socket listening on a free loopback port (0 when it
+// failed) until its end; Connect opens client to it and returns the accepted end (-1 on
+// failure). Listener().port is a port on which nothing listens right now.
+struct Listener {
+    explicit Listener(int backlog = 8);
+    ~Listener();
+    int32_t Connect(klNetworkBuf* client) const;
+    int port = 0;
+    int32_t socket = -1;
+};
+
 size_t Count(const std::string& text, const std::string& needle); // overlaps counted
 // n bytes of the server's body pattern (seed 0); other seeds give other bytes.
 std::string Pattern(size_t n, uint32_t seed = 0);

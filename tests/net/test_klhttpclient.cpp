@@ -219,15 +219,14 @@ TEST_F(klHTTPClientServed, WritesTheRequestAsDocumented) {
 // nothing leaves further connects hanging once the fillers wait in its queue; one with
 // room that never reads leaves an upload hanging.
 TEST(klHTTPClientFaults, EachFaultEndsAsDocumented) {
-    int hanging = 0, deaf = 0;
-    const int32_t full = keelnet::ListenLoopback(&hanging, 0), quiet = keelnet::ListenLoopback(&deaf);
-    ASSERT_GE(full, 0);
-    ASSERT_GE(quiet, 0);
+    const keelnet::Listener full(0), deaf;
+    ASSERT_GT(full.port, 0);
+    ASSERT_GT(deaf.port, 0);
 #ifndef _WIN32
     klNetworkBuf fillers[3];
     for (klNetworkBuf& filler : fillers) {
         filler.SetDeadline(kl::platform::Milliseconds(), 300);
-        filler.Open("127.0.0.1", hanging);
+        filler.Open("127.0.0.1", full.port);
     }
 #endif
     const std::string ifRange = "\nIf-Range: Sun, 06 Nov 1994 08:49:37 GMT\n\n", loopback = "//127.0.0.1:";
@@ -248,12 +247,12 @@ TEST(klHTTPClientFaults, EachFaultEndsAsDocumented) {
         const char* endsAt = nullptr; // the URL's path afterwards (nullptr: the one asked for)
     } const rows[] = {
 #ifndef _WIN32
-        {"GET " + loopback + std::to_string(hanging) + "/", -1, 800, 400, Connect, "", 1.5, noConnect + "127.0.0.1.\n"},
+        {"GET " + loopback + std::to_string(full.port) + "/", -1, 800, 400, Connect, "", 1.5, noConnect + "127.0.0.1.\n"},
 #endif
-        {"GET " + loopback + std::to_string(keelnet::UnusedPort()) + "/", -1, 800, 400, Connect, "", 1.5,
+        {"GET " + loopback + std::to_string(keelnet::Listener().port) + "/", -1, 800, 400, Connect, "", 1.5,
          noConnect + "127.0.0.1.\n"},
         {"GET //nonexistent.invalid/", -1, 800, 400, Connect, "", 20, noConnect + "nonexistent.invalid.\n"},
-        {"PUT " + loopback + std::to_string(deaf) + "/", -1, 800, 400, klHTTPFailure::TimeLimit, "", 2.0},
+        {"PUT " + loopback + std::to_string(deaf.port) + "/", -1, 800, 400, klHTTPFailure::TimeLimit, "", 2.0},
         // A broken body is resumed byte for byte from where it broke.
         {"GET /midclose/f", -1, 0, 206, None, Pattern(300000), 60, "",
          {{"GET /midclose/f HTTP/1.0\n", 3}, {"Range: bytes=100000-" + ifRange, 1}, {"Range: bytes=200000-" + ifRange, 1}}},
@@ -303,8 +302,6 @@ TEST(klHTTPClientFaults, EachFaultEndsAsDocumented) {
         EXPECT_EQ(client.Request("GET", nullptr, &out), 200);
         EXPECT_EQ(Count(server.Log(), "CONNECT\n"), 2u);
     }
-    kl::net::ShutdownAndClose(full);
-    kl::net::ShutdownAndClose(quiet);
 }
 
 } // namespace

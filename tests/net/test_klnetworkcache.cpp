@@ -139,7 +139,7 @@ TEST_F(KlNetworkCache, KeepsOnlyWholeCurrentBodies) {
     EXPECT_EQ(0u, Count(server.Log(), "escape"));
     for (const auto& entry : fs::recursive_directory_iterator(mDir))
         EXPECT_EQ(std::string::npos, entry.path().string().find("escape")) << entry.path();
-    const std::string refused = "http://127.0.0.1:" + std::to_string(keelnet::UnusedPort()) + "/x";
+    const std::string refused = "http://127.0.0.1:" + std::to_string(keelnet::Listener().port) + "/x";
     EXPECT_EQ(nullptr, klFileSystem::Open(refused.c_str(), "rb"));
 
 #ifndef _WIN32
