@@ -9,7 +9,9 @@ from types import SimpleNamespace
 
 DIR = sys.argv[1]
 OLD, NEW = "Sun, 06 Nov 1994 08:49:37 GMT", "Mon, 07 Nov 1994 08:49:37 GMT"
-MOVES = {"/found": ("302 Found", "/chain.txt"), "/old": ("301 Moved", "/data.bin")}
+MOVES = {"/found": ("302 Found", "/chain.txt"), "/old": ("301 Moved", "/data.bin"),
+         "/relative/b/start": ("301 Moved", "../c/./hop#fragment"),
+         "/relative/c/hop": ("301 Moved", "//127.0.0.1:{port}/basic/end?x=1")}
 MOVES.update({"/chain/%d" % i: ("301 Moved", "/chain/%d" % (i + 1) if i < 10 else "/chain.txt") for i in range(11)})
 seen, lock, last_request = set(), threading.Lock(), [time.time()]
 
@@ -44,7 +46,7 @@ def once(name):
 
 def files(q):
     if q.path in MOVES:
-        return reply(MOVES[q.path][0], ["Location: " + MOVES[q.path][1]]), True
+        return reply(MOVES[q.path][0], ["Location: " + MOVES[q.path][1].format(port=q.port)]), True
     name = os.path.join(DIR, "www", q.path.lstrip("/") or "index.html")
     if q.method == "PUT":
         os.makedirs(os.path.dirname(name), exist_ok=True)
@@ -84,11 +86,6 @@ def stuck(q, honour_range=True):
     return reply("206 Partial" if start else "200 OK", ["Last-Modified: " + OLD], BODY[start:1000], 400 - start), q.method == "HEAD"
 
 
-def relative(q):
-    hops = {"/relative/b/start": "../c/./hop#fragment", "/relative/c/hop": "//127.0.0.1:%d/relative/end?x=1" % q.port}
-    return (reply("301 Moved", ["Location: " + hops[q.path]]) if q.path in hops else HELLO), True
-
-
 HELLO = reply("200 OK", ["Last-Modified: " + OLD, "Date: " + OLD], b"hello")
 # fault -> request (method, path, head, body, port) -> (bytes to send, whether the connection stays open)
 FAULTS = {
@@ -102,7 +99,6 @@ FAULTS = {
     "stuck": stuck,
     "norange": lambda q: stuck(q, honour_range=False),
     "more": lambda q: (HELLO + reply("400 Stale"), True),  # a second response left on the connection
-    "relative": relative,
 }
 
 

@@ -1,5 +1,9 @@
 #include "servers.h"
 
+#include "keel/kllifetime.h"
+
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -20,6 +24,13 @@ using socklen_t = int;
 namespace fs = std::filesystem;
 
 namespace keelnet {
+
+// Every network test runs with keel's singletons (the connection pool among them) alive.
+struct KeelRunning : testing::Environment {
+    void SetUp() override { klObjectLifetimeManager::Initialize(); }
+    void TearDown() override { klObjectLifetimeManager::Shutdown(); }
+};
+testing::Environment* const g_keel = testing::AddGlobalTestEnvironment(new KeelRunning);
 
 std::string ReadWholeFile(const std::string& path) {
     std::ostringstream text;

@@ -5,12 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <thread>
-#include <vector>
 
 #ifndef _WIN32
 #include <csignal>
@@ -51,9 +48,6 @@ protected:
     keelnet::TestServer server;
 };
 
-// Threads racing for the local folder's first use.
-using KlNetworkCacheConcurrent = keeltest::TempFolderTest;
-
 } // namespace
 
 TEST_F(KlNetworkCache, ReadsThroughTheCacheAndRefetchesChanges) {
@@ -88,14 +82,6 @@ TEST_F(KlNetworkCache, WrittenAndAppendedFilesAreUploaded) {
     ASSERT_TRUE(Write("/up/new.bin", "ab", "tail"));
     EXPECT_EQ(bytes + "tail", keelnet::ReadWholeFile(server.Served("/up/new.bin")));
     EXPECT_EQ(2u, Count(server.Log(), "PUT /up/new.bin"));
-    // The upload reads the file that was opened, wherever the local folder has moved since.
-    FILE* fp = klFileSystem::Open(server.Url("/up/moved.bin").c_str(), "wb");
-    ASSERT_NE(nullptr, fp);
-    std::fputs("opened here", fp);
-    klFileSystem::SetLogDir(Path("elsewhere").c_str());
-    klFileSystem::Close(fp);
-    klFileSystem::SetLogDir(Path("local").c_str());
-    EXPECT_EQ("opened here", keelnet::ReadWholeFile(server.Served("/up/moved.bin")));
 }
 
 // What the cache keeps is exactly the server's current bytes, or nothing: a 404, a 301
@@ -157,24 +143,4 @@ TEST_F(KlNetworkCache, KeepsOnlyWholeCurrentBodies) {
     EXPECT_EQ("<failed>", result);
     EXPECT_FALSE(fs::exists(CachePath("/big.bin")));
 #endif
-}
-
-// Several threads opening their first URLs at once all default the local folder: in a
-// fresh process (the death-test child), the first use races unless it is made once. Under
-// an emulator the child is forked instead, from a process that runs only this test.
-TEST_F(KlNetworkCacheConcurrent, FirstUseOfTheLocalFolder) {
-#ifndef KEEL_TEST_UNDER_EMULATOR
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-#endif
-    EXPECT_EXIT(
-        {
-            klFileSystem::SetCurrentDir(mDir.string().c_str());
-            std::vector<std::thread> threads;
-            std::vector<std::string> seen(8);
-            for (std::string& mine : seen)
-                threads.emplace_back([&mine] { mine = klFileSystem::GetLocalAssetsDir().Const(); });
-            for (std::thread& thread : threads) thread.join();
-            std::exit(!seen[0].empty() && std::count(seen.begin(), seen.end(), seen[0]) == 8 ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
 }
