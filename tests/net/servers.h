@@ -1,6 +1,5 @@
-// The network tests' HTTP server (tests/net/server.py: files, redirects and faults) on
-// 127.0.0.1, started by the host's python3 in a fresh folder below the build folder; under
-// wine it runs as a host program. The destructor removes the folder, which ends it.
+// tests/net/server.py on 127.0.0.1, run by the host's python3 (a host program under wine) in
+// a fresh folder below the build folder; the destructor removes the folder, which ends it.
 #pragma once
 
 #include "keel/klnetworkbuf.h"
@@ -24,9 +23,8 @@ struct TestServer {
     bool Put(const std::string& path, const std::string& bytes) const; // under www/, folders created
 };
 
-// For tests that play the server: a socket listening on a free loopback port (0 when it
-// failed) until its end; Connect opens client to it and returns the accepted end (-1 on
-// failure). Listener().port is a port on which nothing listens right now.
+// A loopback listener for tests that play the server (port 0: it failed); Connect opens client
+// to it and returns the accepted end (-1: failed). Listener().port has nothing listening.
 struct Listener {
     explicit Listener(int backlog = 8);
     ~Listener();

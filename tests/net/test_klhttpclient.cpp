@@ -50,7 +50,6 @@ TEST(klHTTPClient, ParsesTheThreeDateForms) {
     for (const char* form : {"Sun, 06 Nov 1994 08:49:37 GMT", "Sunday, 06-Nov-94 08:49:37 GMT", "Sun Nov  6 08:49:37 1994"})
         EXPECT_EQ(klParseHTTPDate(form), 784111777) << form;
     EXPECT_EQ(klParseHTTPDate("Thu, 29 Feb 2024 23:59:59 GMT"), 1709251199);
-    EXPECT_EQ(klParseHTTPDate("Thu, 01 Jan 1970 00:00:00 GMT"), 0);
     for (const char* bad : {"", "yesterday", "Sun, 06 Foo 1994 08:49:37 GMT", "Sun, 32 Nov 1994 08:49:37 GMT",
                             "Sun, 06 Nov 1994 25:49:37 GMT"})
         EXPECT_EQ(klParseHTTPDate(bad), 0) << bad;

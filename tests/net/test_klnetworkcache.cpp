@@ -50,7 +50,7 @@ protected:
 
 } // namespace
 
-TEST_F(KlNetworkCache, ReadsThroughTheCacheAndRefetchesChanges) {
+TEST_F(KlNetworkCache, ReadsThroughTheCacheRefetchesChangesAndUploads) {
     const std::string versions[] = {Pattern(100000, 1), Pattern(100001, 2), Pattern(100001, 3)};
     ASSERT_TRUE(server.Put("/dir/file.bin", versions[0]));
     EXPECT_EQ(versions[0], Read("/dir/file.bin"));
@@ -73,9 +73,8 @@ TEST_F(KlNetworkCache, ReadsThroughTheCacheAndRefetchesChanges) {
     EXPECT_EQ(CachePath(""), CachePath("/"));
     EXPECT_TRUE(fs::is_regular_file(CachePath("")));
     EXPECT_EQ("", CachePath("/a/%in"));
-}
 
-TEST_F(KlNetworkCache, WrittenAndAppendedFilesAreUploaded) {
+    // Written and appended files are uploaded.
     const std::string bytes = Pattern(70000, 4);
     ASSERT_TRUE(Write("/up/new.bin", "wb", bytes));
     EXPECT_EQ(bytes, keelnet::ReadWholeFile(server.Served("/up/new.bin")));
@@ -99,16 +98,11 @@ TEST_F(KlNetworkCache, KeepsOnlyWholeCurrentBodies) {
         size_t gets; // of the path
         double maxSeconds;
     } rows[] = {
-        {"/missing.bin", "<failed>", 0, 15},
-        {"/chain/10", "<failed>", 0, 15},
-        {"/found", "<failed>", 3, 15},
-        {"/changed/f", Pattern(300, 7), 2, 15},
-        {"/stuck/f", "<failed>", 12, 15},
-        {"/norange/f", "<failed>", 12, 15},
-        {"/blocked/x.bin", "<failed>", 0, 1},
-        {"/../escape.txt", "<failed>", 0, 1},
-        {"/a/%2e%2e/%2E%2e/%2e%2e/escape.txt", "<failed>", 0, 1},
-        {"/a\\..\\..\\escape.txt", "<failed>", 0, 1},
+        {"/missing.bin", "<failed>", 0, 15},  {"/chain/10", "<failed>", 0, 15},
+        {"/found", "<failed>", 3, 15},        {"/changed/f", Pattern(300, 7), 2, 15},
+        {"/stuck/f", "<failed>", 12, 15},     {"/norange/f", "<failed>", 12, 15},
+        {"/blocked/x.bin", "<failed>", 0, 1}, {"/../escape.txt", "<failed>", 0, 1},
+        {"/a/%2e%2e/%2E%2e/%2e%2e/escape.txt", "<failed>", 0, 1}, {"/a\\..\\..\\escape.txt", "<failed>", 0, 1},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.path);
