@@ -1,4 +1,4 @@
-// "http://" paths through klFileSystem::Open and Close, against nginx and the fault server.
+// "http://" paths through klFileSystem::Open and Close, against tests/net/server.py.
 #include "keel/klfilesystem.h"
 #include "servers.h"
 #include "../keel/keel_test.h"
@@ -8,8 +8,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <thread>
-#include <vector>
 
 #ifndef _WIN32
 #include <csignal>
@@ -21,24 +19,7 @@ namespace fs = std::filesystem;
 namespace {
 
 using keelnet::Count;
-
-// Reads a whole URL through the file layer; "<failed>" when it does not open.
-std::string ReadUrl(const std::string& url) {
-    FILE* fp = klFileSystem::Open(url.c_str(), "rb");
-    if (!fp) return "<failed>";
-    std::string bytes;
-    char chunk[4096];
-    for (size_t got; (got = std::fread(chunk, 1, sizeof(chunk), fp)) > 0;) bytes.append(chunk, got);
-    klFileSystem::Close(fp);
-    return bytes;
-}
-
-bool WriteUrl(const std::string& url, const char* mode, const std::string& bytes) {
-    FILE* fp = klFileSystem::Open(url.c_str(), mode);
-    if (!fp) return false;
-    const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), fp) == bytes.size();
-    return klFileSystem::Close(fp) == 0 && ok;
-}
+using keelnet::Pattern;
 
 // Every test's local folder (and so its cache) lies in a fresh temporary folder.
 class KlNetworkCache : public keeltest::TempFolderTest {
@@ -46,152 +27,114 @@ protected:
     void SetUp() override {
         TempFolderTest::SetUp();
         klFileSystem::SetLogDir(Path("local").c_str());
-        if (!keelnet::StartNginx(&mServer)) GTEST_SKIP() << "nginx is not available";
+        if (!server.Start()) GTEST_SKIP() << "python3 is not installed or the server did not start";
     }
-    keelnet::TestServer mServer;
+    // The server's file at path read through the file layer; "<failed>" when it does not open.
+    std::string Read(const std::string& path) {
+        FILE* fp = klFileSystem::Open(server.Url(path).c_str(), "rb");
+        if (!fp) return "<failed>";
+        std::string bytes(1 << 20, '\0');
+        bytes.resize(std::fread(bytes.data(), 1, bytes.size(), fp));
+        klFileSystem::Close(fp);
+        return bytes;
+    }
+    bool Write(const std::string& path, const char* mode, const std::string& bytes) {
+        FILE* fp = klFileSystem::Open(server.Url(path).c_str(), mode);
+        if (!fp) return false;
+        const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), fp) == bytes.size();
+        return klFileSystem::Close(fp) == 0 && ok;
+    }
+    std::string CachePath(const std::string& path) { return klFileSystem::NetworkCachePath(server.Url(path).c_str()).Const(); }
+    keelnet::TestServer server;
 };
-
-// Threads racing for the local folder's first use.
-using KlNetworkCacheConcurrent = keeltest::TempFolderTest;
 
 } // namespace
 
-TEST_F(KlNetworkCache, ReadsThroughTheCacheAndRefetchesChanges) {
-    const std::string url = mServer.Url("/dir/file.bin");
-    const std::string first = keelnet::Pattern(100000, 1);
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "dir/file.bin", first));
-    EXPECT_EQ(first, ReadUrl(url));
-    const fs::path cached(klFileSystem::NetworkCachePath(url.c_str()).Const());
-    EXPECT_EQ(first, keelnet::ReadWholeFile(cached.string()));
-    EXPECT_EQ(first, ReadUrl(url)); // unchanged: asked about, not fetched again
-    EXPECT_EQ(2u, Count(mServer.AccessLog(), "HEAD /dir/file.bin"));
-    EXPECT_EQ(1u, Count(mServer.AccessLog(), "GET /dir/file.bin"));
-
-    const std::string second = keelnet::Pattern(100001, 2);
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "dir/file.bin", second));
-    EXPECT_EQ(second, ReadUrl(url));
+TEST_F(KlNetworkCache, ReadsThroughTheCacheRefetchesChangesAndUploads) {
+    const std::string versions[] = {Pattern(100000, 1), Pattern(100001, 2), Pattern(100001, 3)};
+    ASSERT_TRUE(server.Put("/dir/file.bin", versions[0]));
+    EXPECT_EQ(versions[0], Read("/dir/file.bin"));
+    EXPECT_EQ(versions[0], keelnet::ReadWholeFile(CachePath("/dir/file.bin")));
+    EXPECT_EQ(versions[0], Read("/dir/file.bin")); // unchanged: asked about, not fetched again
+    EXPECT_EQ(2u, Count(server.Log(), "HEAD /dir/file.bin"));
+    EXPECT_EQ(1u, Count(server.Log(), "GET /dir/file.bin"));
+    ASSERT_TRUE(server.Put("/dir/file.bin", versions[1]));
+    EXPECT_EQ(versions[1], Read("/dir/file.bin"));
     // Same size, other bytes: only the time tells, and it must.
-    const std::string third = keelnet::Pattern(100001, 3);
-    const fs::path served = fs::path(mServer.root) / "dir/file.bin";
-    const auto before = fs::last_write_time(served);
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "dir/file.bin", third));
-    fs::last_write_time(served, before + std::chrono::hours(1));
-    EXPECT_EQ(third, ReadUrl(url));
-    EXPECT_EQ(3u, Count(mServer.AccessLog(), "GET /dir/file.bin"));
+    const auto before = fs::last_write_time(server.Served("/dir/file.bin"));
+    ASSERT_TRUE(server.Put("/dir/file.bin", versions[2]));
+    fs::last_write_time(server.Served("/dir/file.bin"), before + std::chrono::hours(1));
+    EXPECT_EQ(versions[2], Read("/dir/file.bin"));
+    EXPECT_EQ(3u, Count(server.Log(), "GET /dir/file.bin"));
+
+    // A bare host is "/": its file lies inside the cache folder, never on it.
+    ASSERT_TRUE(server.Put("/index.html", "front page"));
+    EXPECT_EQ("front page", Read(""));
+    EXPECT_EQ(CachePath(""), CachePath("/"));
+    EXPECT_TRUE(fs::is_regular_file(CachePath("")));
+    EXPECT_EQ("", CachePath("/a/%in"));
+
+    // Written and appended files are uploaded.
+    const std::string bytes = Pattern(70000, 4);
+    ASSERT_TRUE(Write("/up/new.bin", "wb", bytes));
+    EXPECT_EQ(bytes, keelnet::ReadWholeFile(server.Served("/up/new.bin")));
+    ASSERT_TRUE(Write("/up/new.bin", "ab", "tail"));
+    EXPECT_EQ(bytes + "tail", keelnet::ReadWholeFile(server.Served("/up/new.bin")));
+    EXPECT_EQ(2u, Count(server.Log(), "PUT /up/new.bin"));
 }
 
-TEST_F(KlNetworkCache, WrittenAndAppendedFilesAreUploaded) {
-    const std::string url = mServer.Url("/up/new.bin"), served = mServer.root + "/up/new.bin";
-    const std::string bytes = keelnet::Pattern(70000, 4);
-    ASSERT_TRUE(WriteUrl(url, "wb", bytes));
-    EXPECT_EQ(bytes, keelnet::ReadWholeFile(served));
-    ASSERT_TRUE(WriteUrl(url, "ab", "tail"));
-    EXPECT_EQ(bytes + "tail", keelnet::ReadWholeFile(served));
-    EXPECT_EQ(2u, Count(mServer.AccessLog(), "PUT /up/new.bin"));
-    // The upload reads the file that was opened, wherever the local folder has moved since.
-    FILE* fp = klFileSystem::Open(mServer.Url("/up/moved.bin").c_str(), "wb");
-    ASSERT_NE(nullptr, fp);
-    std::fputs("opened here", fp);
-    klFileSystem::SetLogDir(Path("elsewhere").c_str());
-    klFileSystem::Close(fp);
-    klFileSystem::SetLogDir(Path("local").c_str());
-    EXPECT_EQ("opened here", keelnet::ReadWholeFile(mServer.root + "/up/moved.bin"));
-}
-
-TEST_F(KlNetworkCache, FailuresEndTheOpenInBoundedTime) {
-    const auto start = std::chrono::steady_clock::now();
-    const std::string refused = "http://127.0.0.1:" + std::to_string(keelnet::UnusedPort()) + "/x";
-    EXPECT_EQ(nullptr, klFileSystem::Open(refused.c_str(), "rb"));
-    EXPECT_EQ(nullptr, klFileSystem::Open(mServer.Url("/missing.bin").c_str(), "rb"));
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "chain.txt", "elsewhere"));
-    EXPECT_EQ(nullptr, klFileSystem::Open(mServer.Url("/chain/10").c_str(), "rb")); // moved
-    EXPECT_EQ(nullptr, klFileSystem::Open(mServer.Url("/found").c_str(), "rb"));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
-    const std::string log = mServer.AccessLog();
-    EXPECT_EQ(0u, Count(log, "GET /missing.bin") + Count(log, "GET /chain"));
-    EXPECT_EQ(3u, Count(log, "GET /found")); // a download that keeps failing is given up
-
-    // Nothing outside the cache folder is asked for or written.
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "x.txt", "x"));
-    for (const char* path : {"/../escape.txt", "/a/%2e%2e/%2E%2e/%2e%2e/escape.txt", "/a\\..\\..\\escape.txt"}) {
-        EXPECT_FALSE(WriteUrl(mServer.Url(path), "wb", "bad")) << path;
-        EXPECT_EQ("<failed>", ReadUrl(mServer.Url(path))) << path;
+// What the cache keeps is exactly the server's current bytes, or nothing: a 404, a 301
+// and a 302 (another URL's file), bodies that change or never complete, a file where the
+// cache needs a folder (no contention: it fails at once), and paths outside the cache
+// folder, which are never asked for. A download that keeps failing is given up.
+TEST_F(KlNetworkCache, KeepsOnlyWholeCurrentBodies) {
+    ASSERT_TRUE(server.Put("/chain.txt", "elsewhere"));
+    ASSERT_TRUE(server.Put("/blocked/x.bin", "x"));
+    fs::create_directories(fs::path(CachePath("/blocked")).parent_path());
+    std::ofstream(CachePath("/blocked")) << "a file";
+    const struct {
+        const char* path;
+        std::string expected;
+        size_t gets; // of the path
+        double maxSeconds;
+    } rows[] = {
+        {"/missing.bin", "<failed>", 0, 15},  {"/chain/10", "<failed>", 0, 15},
+        {"/found", "<failed>", 3, 15},        {"/changed/f", Pattern(300, 7), 2, 15},
+        {"/stuck/f", "<failed>", 12, 15},     {"/norange/f", "<failed>", 12, 15},
+        {"/blocked/x.bin", "<failed>", 0, 1}, {"/../escape.txt", "<failed>", 0, 1},
+        {"/a/%2e%2e/%2E%2e/%2e%2e/escape.txt", "<failed>", 0, 1}, {"/a\\..\\..\\escape.txt", "<failed>", 0, 1},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.path);
+        const auto start = std::chrono::steady_clock::now();
+        testing::internal::CaptureStdout();
+        EXPECT_TRUE(Read(row.path) == row.expected);
+        EXPECT_EQ("", testing::internal::GetCapturedStdout());
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::duration<double>(row.maxSeconds));
+        const std::string cached = keelnet::ReadWholeFile(CachePath(row.path));
+        EXPECT_TRUE(cached == (row.expected == "<failed>" ? "" : row.expected)) << cached.size() << " bytes kept";
+        EXPECT_EQ(Count(server.Log(), std::string("GET ") + row.path + " "), row.gets);
+        EXPECT_TRUE(std::string(row.path).find("escape") == std::string::npos || !Write(row.path, "wb", "bad"));
     }
-    EXPECT_EQ(0u, Count(mServer.AccessLog(), "escape"));
+    EXPECT_EQ(0u, Count(server.Log(), "escape"));
     for (const auto& entry : fs::recursive_directory_iterator(mDir))
         EXPECT_EQ(std::string::npos, entry.path().string().find("escape")) << entry.path();
-}
-
-// What the cache keeps must be exactly the server's current bytes, or nothing.
-TEST_F(KlNetworkCache, KeepsOnlyWholeCurrentBodies) {
-    const std::pair<const char*, std::string> rows[] = {{"changed", keelnet::Pattern(300, 7)}, {"stuck", "<failed>"}, {"norange", "<failed>"}};
-    for (const auto& [scenario, expected] : rows) {
-        SCOPED_TRACE(scenario);
-        keelnet::TestServer faults;
-        if (!keelnet::StartFaultServer(&faults, scenario)) GTEST_SKIP() << "python3 did not start";
-        const std::string url = faults.Url((std::string("/faults/") + scenario).c_str());
-        const auto start = std::chrono::steady_clock::now();
-        EXPECT_TRUE(ReadUrl(url) == expected);
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
-        const std::string cached = keelnet::ReadWholeFile(klFileSystem::NetworkCachePath(url.c_str()).Const());
-        EXPECT_TRUE(cached == (expected == "<failed>" ? "" : expected)) << cached.size() << " bytes kept";
-    }
-}
-
-TEST_F(KlNetworkCache, FoldersAndLastingFaults) {
-    // A bare host is "/": its file lies inside the cache folder, never on it.
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "index.html", "front page"));
-    const std::string bare = mServer.Url("");
-    EXPECT_EQ("front page", ReadUrl(bare));
-    EXPECT_EQ(klFileSystem::NetworkCachePath(bare.c_str()), klFileSystem::NetworkCachePath((bare + "/").c_str()));
-    EXPECT_TRUE(fs::is_regular_file(klFileSystem::NetworkCachePath(bare.c_str()).Const()));
-    EXPECT_TRUE(klFileSystem::NetworkCachePath((bare + "/a/%in").c_str()).IsEmpty());
-
-    // A file where the cache needs a folder is no contention: the open fails at once.
-    const fs::path blocker(klFileSystem::NetworkCachePath(mServer.Url("/blocked").c_str()).Const());
-    std::ofstream(blocker) << "a file";
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "blocked/x.bin", "x"));
-    const auto start = std::chrono::steady_clock::now();
-    testing::internal::CaptureStdout();
-    EXPECT_EQ("<failed>", ReadUrl(mServer.Url("/blocked/x.bin")));
-    EXPECT_EQ("", testing::internal::GetCapturedStdout());
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    const std::string refused = "http://127.0.0.1:" + std::to_string(keelnet::Listener().port) + "/x";
+    EXPECT_EQ(nullptr, klFileSystem::Open(refused.c_str(), "rb"));
 
 #ifndef _WIN32
     // A disk that fills up during the download: the open fails and no part is kept.
-    ASSERT_TRUE(keelnet::WriteServerFile(mServer, "big.bin", keelnet::Pattern(100000)));
+    ASSERT_TRUE(server.Put("/big.bin", Pattern(100000)));
     rlimit saved{};
     getrlimit(RLIMIT_FSIZE, &saved);
     const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
     rlimit small = saved;
     small.rlim_cur = 50000;
     setrlimit(RLIMIT_FSIZE, &small);
-    const std::string result = ReadUrl(mServer.Url("/big.bin"));
+    const std::string result = Read("/big.bin");
     setrlimit(RLIMIT_FSIZE, &saved);
     std::signal(SIGXFSZ, oldHandler);
     EXPECT_EQ("<failed>", result);
-    EXPECT_FALSE(fs::exists(klFileSystem::NetworkCachePath(mServer.Url("/big.bin").c_str()).Const()));
+    EXPECT_FALSE(fs::exists(CachePath("/big.bin")));
 #endif
-}
-
-// Several threads opening their first URLs at once all default the local folder: in a
-// fresh process (the death-test child), the first use races unless it is made once. Under
-// an emulator the child is forked instead, from a process that runs only this test.
-TEST_F(KlNetworkCacheConcurrent, FirstUseOfTheLocalFolder) {
-#ifndef KEEL_TEST_UNDER_EMULATOR
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-#endif
-    EXPECT_EXIT(
-        {
-            klFileSystem::SetCurrentDir(mDir.string().c_str());
-            std::vector<std::thread> threads;
-            std::vector<std::string> seen(8);
-            for (std::string& mine : seen)
-                threads.emplace_back([&mine] { mine = klFileSystem::GetLocalAssetsDir().Const(); });
-            for (std::thread& thread : threads) thread.join();
-            bool same = !seen[0].empty();
-            for (const std::string& one : seen) same = same && one == seen[0];
-            std::exit(same ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
 }
