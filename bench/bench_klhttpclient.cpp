@@ -3,7 +3,7 @@
 // connection (curl reuses its easy handle). bench_main pairs "X/keel" with "X/curl".
 #include "keel/klhttpclient.h"
 #include "keel/kllifetime.h"
-#include "servers.h"
+#include "bench_nginx.h"
 
 #include "keel_bench.h"
 #include <curl/curl.h>
@@ -17,21 +17,20 @@ constexpr int64_t kBigBytes = int64_t(256) << 20;
 const std::string kSmallBody(512, 's');
 
 // nginx with big.bin and small.txt, started at the first use and kept for the run.
-const keelnet::TestServer* Server() {
-    static keelnet::TestServer server;
+const BenchNginx* Server() {
+    static BenchNginx server;
     static const bool up = [] {
         klObjectLifetimeManager::Initialize();
         curl_global_init(CURL_GLOBAL_DEFAULT);
         std::string big(size_t(kBigBytes), '\0');
         for (size_t i = 0; i < big.size(); i += 4096) big[i] = char(i >> 12);
-        return keelnet::StartNginx(&server) && keelnet::WriteServerFile(server, "big.bin", big) &&
-               keelnet::WriteServerFile(server, "small.txt", kSmallBody);
+        return server.Start() && server.Put("big.bin", big) && server.Put("small.txt", kSmallBody);
     }();
     return up ? &server : nullptr;
 }
 
 void Download(benchmark::State& state, const char* path, int64_t bytes, bool keel) {
-    const keelnet::TestServer* server = Server();
+    const BenchNginx* server = Server();
     if (!server) return state.SkipWithError("nginx did not start");
     const std::string url = server->Url(path);
     klHTTPClient client;
