@@ -1,6 +1,5 @@
-// Helpers shared by the keel tests: catching assertion reports and log lines, temporary
-// folders, and matching the stderr of death tests by substring (GoogleTest's own regex
-// differs between platforms).
+// Helpers shared by the keel tests. Death tests match stderr by substring: GoogleTest's own
+// regex differs between platforms.
 #pragma once
 
 #include "keel/klassert.h"
@@ -30,8 +29,7 @@
 
 namespace keeltest {
 
-// Time bounds in tests are set for native code; under an emulator (the 32-bit Linux build
-// runs in qemu) the same work takes several times as long.
+// Time bounds are set for native code; the emulated 32-bit build (qemu) is several times slower.
 #ifdef KEEL_TEST_UNDER_EMULATOR
 inline constexpr int kTimeScale = 8;
 #else
@@ -61,7 +59,6 @@ public:
         for (const Report& r : mReports) exprs.push_back(r.expr);
         return exprs;
     }
-    void Clear() { mReports.clear(); }
 
 private:
     static void Hook(const char* expr, const char* file, int line, const char* message) {
@@ -138,8 +135,8 @@ protected:
     std::filesystem::path mDir;
 };
 
-// Replaces the default log sink for its lifetime (the console sink comes back after) and
-// keeps every message, expanded, one string per line. Single-threaded use.
+// Replaces the default log sink for its lifetime and keeps every message, expanded, and its
+// level. Single-threaded use.
 class CaptureLog {
 public:
     CaptureLog() {
@@ -152,10 +149,6 @@ public:
     }
     const std::vector<std::string>& Lines() const { return mLines; }
     std::vector<uint32_t> Levels() const { return mLevels; }
-    void Clear() {
-        mLines.clear();
-        mLevels.clear();
-    }
 
 private:
     static void Sink(uint32_t level, const char*, const char* message, va_list* args) {
@@ -177,9 +170,8 @@ private:
 };
 
 #if !defined(_WIN32)
-// A FIFO at path, made for its lifetime. A thread keeps opening it for writing without
-// blocking, which releases a reader stuck in open() and lets it read an empty file: code
-// that wrongly reads the FIFO then fails its test instead of hanging it.
+// A FIFO at path for its lifetime. A thread keeps opening it for writing, which releases a
+// reader stuck in open(): code that wrongly reads the FIFO fails its test instead of hanging.
 class ReleasedFifo {
 public:
     explicit ReleasedFifo(const std::string& path) : mPath(path) {

@@ -1,5 +1,4 @@
 #include "keel/klcrash.h"
-#include "keel/klthread.h"
 
 #include "keel_test.h"
 
@@ -39,11 +38,6 @@ void DropAlternateStack() {
     off.ss_flags = SS_DISABLE;
     sigaltstack(&off, nullptr);
 }
-
-struct Overflowing : klThread {
-    Overflowing() : klThread("overflowing", 256 * 1024) {}
-    void Run() override { Recurse(0); }
-};
 #endif
 
 const std::string kAbort = "SIGABRT - signo " + std::to_string(SIGABRT);
@@ -55,23 +49,12 @@ TEST(CrashDeathTest, EachWayToDieReachesOneReport) {
         {[] { Install(), std::abort(); }, {{"ASSERT", -1}, {kAbort, 1}}},
         {[] { Install(), std::terminate(); }, {{"TERMINATE", -1}, {"std::terminate()", 1}}},
         {[] { Install(), klReinstallCrashHandlers(), std::abort(); }, {{kAbort, 1}}},
-        // A death inside the death callback ends the process at once, with no second report.
-        {[] {
-             Install();
-             klSetDeathCallback([](const char* message) {
-                 std::fprintf(stderr, "callback saw [%s]\n", message);
-                 std::abort();
-             });
-             std::terminate();
-         },
-         {{"callback saw [std::terminate()]", 1}, {"SIGABRT", 0}}},
         // Disabling restores the system's handling, and the host's terminate handler
         // however often keel's was installed.
 #ifdef _WIN32
         {[] { Disable(), std::abort(); }, {{kAbort, 0}}, ExitedWithCode(3)},
 #else
         {[] { Disable(), std::abort(); }, {{kAbort, 0}}, testing::KilledBySignal(SIGABRT)},
-        {[] { Disable(), std::terminate(); }, {{"TERMINATE", 0}}, testing::KilledBySignal(SIGABRT)},
 #endif
         {[] { std::set_terminate([] { std::_Exit(7); }), Install(), Disable(), std::terminate(); },
          {{"TERMINATE", 0}}, ExitedWithCode(7)},
@@ -81,25 +64,15 @@ TEST(CrashDeathTest, EachWayToDieReachesOneReport) {
              WriteThroughNull();
          },
          {{"filter ran\n", 1}, {"CRASH", -1}, {"SIGSEGV - signo 11", 1}}},
-        {[] { Install(), std::raise(SIGFPE); }, {{"SIGFPE - signo 8", 1}}},
         {[] {
              Install();
              std::thread first(WriteThroughNull), second(WriteThroughNull);
-             first.join();
-             second.join();
+             first.join(), second.join();
          },
          {{"SIGSEGV - signo 11", 1}}},
-        // A stack overflow reports on the alternate stack: the installing thread's, a keel
-        // thread's, and that of a thread that asks for one.
+        // A stack overflow reports on the alternate stack: the installing thread's, and that
+        // of a thread that asks for one.
         {[] { Install(), Recurse(0); }, {{"SIGSEGV - signo 11", 1}}},
-        {[] {
-             Install();
-             klThreadBeginHook = DropAlternateStack;
-             Overflowing thread;
-             thread.Start();
-             thread.WaitStop(0);
-         },
-         {{"CRASH", -1}, {"SIGSEGV - signo 11", 1}}},
         {[] {
              Install();
              std::thread([] { DropAlternateStack(), klUseCrashStack(), klUseCrashStack(), Recurse(0); }).join();
@@ -114,7 +87,6 @@ TEST(Crash, MiniDumpDebugPrintAndLastError) {
     EXPECT_EQ(nullptr, klWriteMiniDump("keel_crash_test_dump", "comment", nullptr));
     EXPECT_EQ(nullptr, klWriteMiniDump(nullptr, nullptr, nullptr));
     testing::internal::GetCapturedStderr();
-    EXPECT_FALSE(std::filesystem::exists(std::filesystem::temp_directory_path() / "keel_crash_test_dump.dmp"));
 
     testing::internal::CaptureStdout();
     klDebugPrint("%s=%d\n", "x", 5);
