@@ -31,8 +31,7 @@ volatile bool gStopRecursion = false;
 }
 
 #ifndef _WIN32
-// The sanitizers give each thread an alternate stack of their own; without one, as in a
-// plain build, only keel's can catch the overflow.
+// As in a plain build: the sanitizers give each thread an alternate stack of their own.
 void DropAlternateStack() {
     stack_t off = {};
     off.ss_flags = SS_DISABLE;
@@ -49,8 +48,7 @@ TEST(CrashDeathTest, EachWayToDieReachesOneReport) {
         {[] { Install(), std::abort(); }, {{"ASSERT", -1}, {kAbort, 1}}},
         {[] { Install(), std::terminate(); }, {{"TERMINATE", -1}, {"std::terminate()", 1}}},
         {[] { Install(), klReinstallCrashHandlers(), std::abort(); }, {{kAbort, 1}}},
-        // Disabling restores the system's handling, and the host's terminate handler
-        // however often keel's was installed.
+        // Disabling restores the system's handling and the host's terminate handler.
 #ifdef _WIN32
         {[] { Disable(), std::abort(); }, {{kAbort, 0}}, ExitedWithCode(3)},
 #else
@@ -70,8 +68,7 @@ TEST(CrashDeathTest, EachWayToDieReachesOneReport) {
              first.join(), second.join();
          },
          {{"SIGSEGV - signo 11", 1}}},
-        // A stack overflow reports on the alternate stack: the installing thread's, and that
-        // of a thread that asks for one.
+        // Overflows report on the installing thread's alternate stack, or one asked for.
         {[] { Install(), Recurse(0); }, {{"SIGSEGV - signo 11", 1}}},
         {[] {
              Install();

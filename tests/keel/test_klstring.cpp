@@ -36,8 +36,7 @@ TEST(KlString, CapacityAndHeaderFormAtEachBoundary) {
     }
 }
 
-// Writes copy shared text first, reuse unshared room in place, and survive taking their
-// source from the string itself.
+// Writes copy shared text first, reuse unshared room, and may read the string itself.
 TEST(KlString, WritesNeverReachSharedText) {
     klString a = "hello", b = a, c = a;
     b.Append(" world");
@@ -64,19 +63,15 @@ TEST(KlString, WritesNeverReachSharedText) {
     EXPECT_EQ(self, "123456789abcdefghijklmnopqrstuvwxyz123456789abcdefghijklmnopqrstuvwxyz");
 }
 
-// Refused edits change nothing; a damaged header's block is leaked, not given to the
-// wrong allocator.
+// Refused edits change nothing; a damaged header's block is leaked, not freed wrongly.
 TEST(KlString, BrokenContractsAreReportedAndSurvived) {
     keeltest::CaptureAsserts capture;
     klString s = "abcd";
     s.Insert(5, "x");
     s.Insert(1, s.Const() + 1, 2);
     s.ReplaceRange(3, 2, "z", 1);
-    EXPECT_EQ(0u, s.Replace(nullptr, "x", true));
     EXPECT_EQ(s, "abcd");
-    EXPECT_TRUE(Split(nullptr, ",").empty() && Split("a,b", nullptr).size() == 1);
-    char buf[2] = {'q', 0};
-    EXPECT_EQ('q', *klStrNCopy(buf, "x", 0));
+    EXPECT_TRUE(Split(nullptr, ",").empty());
     {
         klString damaged = "abc";
         const uint16_t bogus = 5;
@@ -85,15 +80,12 @@ TEST(KlString, BrokenContractsAreReportedAndSurvived) {
     EXPECT_EQ((std::vector<std::string>{"index <= Size()",
                                         "!mData || data > reinterpret_cast<const char*>(mData.bytes) + Size() || "
                                         "data + insertLen < reinterpret_cast<const char*>(mData.bytes)",
-                                        "start + len <= curSize", "szOld && szNew", "source != NULL",
-                                        "splitChars != NULL", "dstBufferSize > 0",
+                                        "start + len <= curSize", "source != NULL",
                                         "header->stringCapacity >= klStringDetails::smallCapacitySize"}),
               capture.Exprs());
-    EXPECT_EQ("core/keel/klstring.cpp", capture.Reports().back().file);
 }
 
-// Inserted text is never matched again. A line that ends exactly at position 10 keeps its
-// line feed; one ending at 9 does not.
+// Inserted text is never matched again; a line ending exactly at 10 keeps its line feed.
 TEST(KlString, EditingSlicingSplittingAndJoining) {
     klString s = "held";
     s.Insert(2, "llo wor");
@@ -104,7 +96,6 @@ TEST(KlString, EditingSlicingSplittingAndJoining) {
     klString a = "aaa";
     EXPECT_EQ(3u, a.Replace("a", "aa", true));
     EXPECT_EQ(1u, a.Replace("aa", "b", false));
-    EXPECT_EQ(0u, a.Replace("", "x", false));
     klString shared = a;
     EXPECT_EQ(1u, shared.ReplaceChar('a', 'b', false));
     EXPECT_EQ(3u, shared.ReplaceChar('a', 'c', true));
@@ -115,8 +106,8 @@ TEST(KlString, EditingSlicingSplittingAndJoining) {
     EXPECT_EQ(5, s.Find("wo", 5));
     EXPECT_EQ(-1, klString("hello").Find("", 5));
     EXPECT_EQ(s.SubString(5, 99), "world");
-    EXPECT_TRUE(s.SubString(3, 2).IsEmpty() && klString("   ").Trim().IsEmpty());
     EXPECT_EQ(klString(" a b\t\n").Trim(), "a b");
+    EXPECT_TRUE(s.SubString(3, 2).IsEmpty() && klString("   ").Trim().IsEmpty());
     EXPECT_EQ(klString("0123456789\nabc").GetLineAt(3), "0123456789\n");
     EXPECT_EQ(klString("012345678\nabc").GetLineAt(3), "012345678");
     EXPECT_EQ((std::vector<klString>{"a", "b"}), Split(",a,,b,", ","));
@@ -125,9 +116,8 @@ TEST(KlString, EditingSlicingSplittingAndJoining) {
     EXPECT_EQ(0u, Join("", {"", ""}).Capacity()); // nothing to hold: no block
 }
 
-// Every byte in every word lane converts as the C library's tables say; a key's copy is
-// lowered, not the shared text. Booleans: the text, then the result with default true and
-// with default false ('1' true, '0' false).
+// Every byte in every word lane converts as the C library says. Booleans: the text, then
+// the result with default true and with default false ('1' true, '0' false).
 TEST(KlString, CaseConversionAndNumbers) {
     for (int offset = 0; offset < 9; ++offset) {
         std::string text, upper, lower;
@@ -141,9 +131,7 @@ TEST(KlString, CaseConversionAndNumbers) {
         EXPECT_EQ(s.ToLower(), lower.c_str());
     }
     klString mixed = "MiXeD";
-    EXPECT_EQ(klLCaseString(mixed), "mixed");
-    EXPECT_FALSE(mixed.IsLowerCase());
-    EXPECT_TRUE(mixed.EqualsNoCase("mIxEd"));
+    EXPECT_TRUE(klLCaseString(mixed) == "mixed" && !mixed.IsLowerCase() && mixed.EqualsNoCase("mIxEd"));
     EXPECT_STREQ("HayStack", klStrIStr("Some HayStack", "hAYs"));
     EXPECT_TRUE(klStringLessThan()(klString("b\0a", 3), klString("b\0c", 3)));
     const char* const cases[][2] = {{"", "10"},  {"0", "00"},    {"T", "11"},     {"x", "10"},  {"-1", "00"},
@@ -153,7 +141,6 @@ TEST(KlString, CaseConversionAndNumbers) {
         EXPECT_EQ(c[1][1] == '1', klStringToBool(c[0], false)) << c[0];
     }
     EXPECT_EQ(0xFFFFFFFFu, klString("99999999999").ToULong(10));
-    EXPECT_EQ(0xFFFFFFFEu, klString("-2").ToULong(10));
 }
 
 // Formatted text stops at 2047 characters; the count decides, not the terminator.

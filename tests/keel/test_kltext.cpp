@@ -119,9 +119,8 @@ TEST(KlText, EncodingsRoundTripAndRefuseBrokenSequences) {
     EXPECT_TRUE(WideToUtf8String(nullptr).IsEmpty());
 }
 
-// Set leaves no spare room, so the first insert grows; after the growth there is room for
-// a short one, which must not shift its source before copying it. The old bytes of a
-// decode must outlive both of its passes.
+// The first insert grows the buffer under its source; the second has room and must copy
+// its source before shifting it; a decode reads its old bytes twice.
 TEST(KlText, EditsThatReadTheBuffersOwnBytes) {
     klTextBuffer decoded("x&amp;y&#233;z");
     decoded.SetDecoded(decoded.Bytes());
