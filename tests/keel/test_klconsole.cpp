@@ -98,25 +98,6 @@ TEST(Console, StartupBindsQueuedReferencesToOneRecordPerName) {
     late.Reconstruct("Height");
     EXPECT_EQ(Find("height"), late.Record());
     klVarRef unnamed(nullptr);
-    EXPECT_FALSE(unnamed.IsBound());
     EXPECT_STREQ("", unnamed.GetString());
-    EXPECT_EQ(0, unnamed.GetInt());
-    EXPECT_EQ((Strings{"name != NULL", "mVal != NULL", "mVal != NULL"}), capture.Exprs());
-}
-
-// After shutdown records keep their values, sets fail, and new references stay unbound.
-TEST(ConsoleDeathTest, ShutdownKeepsRecordsAndRefusesSets) {
-    const auto readAfterShutdown = [] {
-        klSetCvar("Width", "77");
-        klObjectLifetimeManager::Shutdown();
-        CaptureAsserts capture;
-        const bool setAfter = klSetCvar("Width", "78");
-        klVarRef after("Width");
-        const std::string read = klpf("%d:%d:%s", after.IsBound(), after.GetInt(), after.GetString()).Const();
-        std::fprintf(stderr, "set=%d width=%s after=%s reports=%zu\n", setAfter, gEarlyWidth.GetString(), read.c_str(),
-                     capture.Reports().size());
-        std::exit(0);
-    };
-    keeltest::ExpectDeaths(
-        {{readAfterShutdown, {{"set=0 width=77 after=0:0: reports=2\n", 1}}, testing::ExitedWithCode(0)}});
+    EXPECT_EQ((Strings{"name != NULL", "mVal != NULL"}), capture.Exprs());
 }

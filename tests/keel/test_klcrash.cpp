@@ -47,7 +47,6 @@ TEST(CrashDeathTest, EachWayToDieReachesOneReport) {
     keeltest::ExpectDeaths({
         {[] { Install(), std::abort(); }, {{"ASSERT", -1}, {kAbort, 1}}},
         {[] { Install(), std::terminate(); }, {{"TERMINATE", -1}, {"std::terminate()", 1}}},
-        {[] { Install(), klReinstallCrashHandlers(), std::abort(); }, {{kAbort, 1}}},
         // Disabling restores the system's handling and the host's terminate handler.
 #ifdef _WIN32
         {[] { Disable(), std::abort(); }, {{kAbort, 0}}, ExitedWithCode(3)},
@@ -79,19 +78,18 @@ TEST(CrashDeathTest, EachWayToDieReachesOneReport) {
     });
 }
 
+// Debug prints are cut to their buffer; on Linux wide ones are converted to UTF-8, with no
+// character for a lone surrogate or a value too large.
 TEST(Crash, MiniDumpDebugPrintAndLastError) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(nullptr, klWriteMiniDump("keel_crash_test_dump", "comment", nullptr));
     EXPECT_EQ(nullptr, klWriteMiniDump(nullptr, nullptr, nullptr));
     testing::internal::GetCapturedStderr();
-
     testing::internal::CaptureStdout();
-    klDebugPrint("%s=%d\n", "x", 5);
-    klDebugPrint("%s", std::string(3000, 'a').c_str()); // cut to the buffer
-    klDebugPrint(L"%ls=%d\n", L"w", 7);
-    klDebugPrint(L"%ls", std::wstring(3000, L'b').c_str());
-    std::string expected = "x=5\n" + std::string(2047, 'a') + "w=7\n" + std::string(2047, 'b');
-#ifndef _WIN32 // converted to UTF-8; no character for a lone surrogate or a value too large
+    klDebugPrint("%s", std::string(3000, 'a').c_str());
+    klDebugPrint(L"%ls=%d\n", std::wstring(3000, L'b').c_str(), 7);
+    std::string expected = std::string(2047, 'a') + std::string(2047, 'b');
+#ifndef _WIN32
     klDebugPrint(L"%lc%lc%lc%lc", wchar_t(0xE9), wchar_t(0x1F600), wchar_t(0xD800), wchar_t(0x110000));
     expected += "\xC3\xA9\xF0\x9F\x98\x80\xEF\xBF\xBD\xEF\xBF\xBD";
 #endif

@@ -53,17 +53,6 @@ TEST(KlMutex, RecursesForItsOwnerOnly) {
     EXPECT_TRUE(TryLockElsewhere(fresh));
 }
 
-TEST(KlConditionDeathTest, UseWithoutTheLockIsFatal) {
-    auto fatal = [](const std::string& call) {
-        return keeltest::Has(") assertmsg(_mutex._bSpin != 0, Condition should be locked "
-                             "before calling " + call + ") failed at: " + kLockSource + ":", 1);
-    };
-    klCondition cond;
-    EXPECT_EXIT(cond.Wait(10), testing::ExitedWithCode(123), fatal("Wait"));
-    EXPECT_EXIT(cond.Signal(), testing::ExitedWithCode(123), fatal("Signal"));
-    EXPECT_EXIT(cond.Broadcast(), testing::ExitedWithCode(123), fatal("Broadcast"));
-}
-
 TEST(KlCondition, UnheardWakeUpsAreLostAndTimeOutsReturnLocked) {
     klCondition cond;
     klScopedLock hold(cond);

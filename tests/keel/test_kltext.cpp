@@ -33,20 +33,14 @@ TEST(KlText, InsertGrowsEraseClipsAndViewsRefuseChanges) {
     EXPECT_EQ(0u, text.Erase(8, 100)); // clipped to the end
     EXPECT_STREQ("hellworl", text.Bytes());
     EXPECT_EQ(8u, text.Erase(8, 1)); // at the end: nothing removed
-    text.Clear();
-    EXPECT_EQ(0u, text.ByteLength());
 
-    klTextBuffer view = klTextBuffer::View("read only", 9);
+    klTextBuffer view = klTextBuffer::View("read only", 9), copy = view; // a copy owns its bytes
     CaptureAsserts asserts;
-    view.Set("x", 1);
-    view.SetDecoded("x");
     view.Insert(0, "x", 1);
     view.Erase(0, 1);
-    view.Clear();
-    EXPECT_EQ(Exprs(5, "!mSlave"), asserts.Exprs());
-    EXPECT_STREQ("read only", view.Bytes());
-    klTextBuffer copy = view; // a copy owns its bytes and may change
     copy.Erase(0, 5);
+    EXPECT_EQ(Exprs(2, "!mSlave"), asserts.Exprs());
+    EXPECT_STREQ("read only", view.Bytes());
     EXPECT_STREQ("only", copy.Bytes());
 }
 
@@ -103,9 +97,7 @@ TEST(KlText, EncodingsRoundTripAndRefuseBrokenSequences) {
     EXPECT_EQ(all, std::string(back.data()));
     EXPECT_FALSE(WideToUtf8(wide.data(), back.data(), uint32_t(all.size()))); // one byte short
 
-    klWideChar out[4] = {'x', 'x', 'x', 'x'};
-    EXPECT_TRUE(Utf8ToWide("abc", out, 1));
-    EXPECT_EQ(std::vector<int>({0, 'x'}), std::vector<int>(out, out + 2));
+    klWideChar out[4];
     EXPECT_FALSE(Utf8ToWide("abcd", out, 4));
     EXPECT_TRUE(Utf8ToWide("\xf0\x9f\x98\x80", out, 4)); // one surrogate pair
     EXPECT_EQ(std::vector<int>({0xD83D, 0xDE00, 0}), std::vector<int>(out, out + 3));
@@ -117,23 +109,4 @@ TEST(KlText, EncodingsRoundTripAndRefuseBrokenSequences) {
     const klWideChar lone[] = {'a', 0xD800, 'b', 0};
     EXPECT_EQ("a\xef\xbf\xbd" + std::string("b"), WideToUtf8String(lone).Const());
     EXPECT_TRUE(WideToUtf8String(nullptr).IsEmpty());
-}
-
-// The first insert grows the buffer under its source; the second has room and must copy
-// its source before shifting it; a decode reads its old bytes twice.
-TEST(KlText, EditsThatReadTheBuffersOwnBytes) {
-    klTextBuffer decoded("x&amp;y&#233;z");
-    decoded.SetDecoded(decoded.Bytes());
-    EXPECT_STREQ("x&y\xc3\xa9z", decoded.Bytes());
-    EXPECT_EQ(5u, decoded.CharLength());
-
-    klTextBuffer text("0123456789ab");
-    text.Insert(0, text.Bytes(), text.ByteLength());
-    EXPECT_STREQ("0123456789ab0123456789ab", text.Bytes());
-    text.Erase(12, 12);
-    ASSERT_GE(text.Capacity(), 2 * text.ByteLength() + 1);
-    text.Insert(0, text.Bytes() + 8, 4);
-    text.Insert(16, text.Bytes() + 4, 2);
-    EXPECT_STREQ("89ab0123456789ab01", text.Bytes());
-    EXPECT_EQ(18u, text.CharLength());
 }
