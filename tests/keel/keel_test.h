@@ -36,8 +36,7 @@ inline constexpr int kTimeScale = 8;
 inline constexpr int kTimeScale = 1;
 #endif
 
-// Installs a report hook for its lifetime and keeps every report: the expression text,
-// the message (or "") and the file; Text() joins those three with '|'. Single-threaded use.
+// Keeps every assertion report while it lives; Text() joins expression, message and file with '|'.
 class CaptureAsserts {
 public:
     struct Report {
@@ -69,8 +68,7 @@ private:
     std::vector<Report> mReports;
 };
 
-// Matches a text that holds each needle exactly its count of times (at least once when the
-// count is negative).
+// Matches a text holding each needle exactly its count of times (negative: at least once).
 class SubstringMatcher : public testing::MatcherInterface<const std::string&> {
 public:
     using Needles = std::vector<std::pair<std::string, int>>;
@@ -102,8 +100,7 @@ inline testing::Matcher<const std::string&> HasAll(SubstringMatcher::Needles nee
     return testing::MakeMatcher(new SubstringMatcher(std::move(needles)));
 }
 
-// One row of a table of death tests: what to run, what its stderr must hold, and how the
-// process must end (an exit predicate; by default keel's death exit code).
+// A death test row: what to run, what its stderr must hold, how it must end (keel's code by default).
 struct Death {
     void (*run)();
     SubstringMatcher::Needles stderrHas;

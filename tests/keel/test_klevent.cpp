@@ -50,10 +50,8 @@ void RemoveAndAddA(double) {
 }
 template <int Ms> void Work(double) { gNow += Ms * 1000; }
 
-struct Recorder : klEventCallback {
-    explicit Recorder(char n) : name(n) {}
-    void Invoke() override { gCalls.push_back(std::to_string(gFrame) + name); }
-    char name;
+template <char Name> struct Recorder : klEventCallback {
+    void Invoke() override { Tick<Name>(0); }
 };
 
 } // namespace
@@ -63,7 +61,9 @@ struct Recorder : klEventCallback {
 TEST_F(KlEventLoop, TickChangesAndDelayedCallbacksTakeEffectFrameByFrame) {
     const klAssertHookFn savedHook = klAssertHook;
     klAssertHook = [](const char*, const char*, int, const char*) {}; // posting reports as unfinished
-    Recorder x('x'), y('y'), z('z');
+    Recorder<'x'> x;
+    Recorder<'y'> y;
+    Recorder<'z'> z;
     klPostDelayed(5.0f, &x);
     klPostDelayed(5.0f, &y);
     klPostDelayed(10.0f, &z); // due exactly as the first fires: only after it
@@ -90,7 +90,6 @@ TEST_F(KlEventLoop, LimiterSleepsTheRestOfTheFrameOnceTheRingsFill) {
     const double slept = std::accumulate(gSlept.begin() + 150, gSlept.end(), 0.0);
     EXPECT_NEAR(11.67, slept / double(gSlept.size() - 150), 0.7); // 16.67 a frame with the work
     EXPECT_NEAR(11.67, kl::detail::LastLimiterSleep(), 0.7);
-    EXPECT_EQ(300u, klFrameStats::GetZone(klFrameStats::kFramePeriod).count);
 }
 
 // A zone entered twice in a frame counts once, with the sum; levels stop at 7.
@@ -113,9 +112,6 @@ TEST_F(KlEventLoop, FrameStatisticsFoldFramesAndReport) {
     EXPECT_STREQ("", klFrameStats::ZoneName(8));
     for (int i = 0; i < 9; ++i) klFrameStats::PushLevel();
     EXPECT_EQ(7u, klFrameStats::Level());
-    keeltest::CaptureAsserts asserts;
-    klFrameStats::EndFrame();
-    EXPECT_EQ(std::vector<std::string>{"mLevel == 0"}, asserts.Exprs());
 
     const std::string path = (std::filesystem::temp_directory_path() / "klstats-report.txt").string();
     klFrameStats::Report(path.c_str());
@@ -123,7 +119,6 @@ TEST_F(KlEventLoop, FrameStatisticsFoldFramesAndReport) {
               "             Physics min 40 max 40 avg 40 miscroseconds/frame\n",
               std::string(std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {}));
     std::filesystem::remove(path);
-    klFrameStats::Reset();
 }
 
 namespace {
