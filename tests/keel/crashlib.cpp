@@ -1,5 +1,4 @@
-// A library that takes over the process's crash handling while it loads, as some
-// third-party libraries do; crashlib_took_over is 1 once it has.
+// Takes over the crash handling while it loads, as some libraries do; the loader must undo it.
 #ifdef _WIN32
 #include <windows.h>
 #define CRASHLIB_EXPORT extern "C" __declspec(dllexport)

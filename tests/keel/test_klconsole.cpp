@@ -1,5 +1,4 @@
-// The console lives for the whole test program (a global environment starts and stops the
-// lifetime manager); the references below are built before that, as a game's would be.
+// The console lives for the whole program; these references are built before it, as a game's are.
 #include "keel_test.h"
 
 #include "keel/klconsole.h"
@@ -37,8 +36,8 @@ klCvar* Find(const char* name) { return klConsole::Live()->Find(name); }
 
 } // namespace
 
-// Up to 127 characters stay inside the record; longer text goes to a block of its own.
-TEST(Console, TextStaysInsideUpTo127Characters) {
+// Up to 127 characters stay inside the record; numbers follow the text's base.
+TEST(Console, TextStaysInsideUpTo127CharactersAndNumbersFollowItsBase) {
     const std::string inside(127, 'a'), spilled(128, 'b');
     ASSERT_TRUE(klSetCvar("Buffer", inside.c_str()));
     klCvar* record = Find("buffer");
@@ -51,14 +50,7 @@ TEST(Console, TextStaysInsideUpTo127Characters) {
     ASSERT_TRUE(klSetCvar("Buffer", "short"));
     EXPECT_TRUE(record->IsInline());
 
-    CaptureAsserts capture;
-    EXPECT_FALSE(klSetCvar("Buffer", nullptr) || klSetCvar(nullptr, "1"));
-    EXPECT_EQ((Strings{"val != NULL", "name != NULL"}), capture.Exprs());
-    EXPECT_STREQ("short", record->GetString());
-}
-
-// Around the shortcut for plain integers: up to nine digits, a letter may follow.
-TEST(Console, NumbersFollowTheTextsBase) {
+    // Around the shortcut for plain integers: up to nine digits, a letter may follow.
     const std::tuple<const char*, int32_t, uint32_t, double> cases[] = {
         {"0x10", 16, 16, 0.0}, {"010", 8, 8, 10.0}, {"-1", -1, 4294967295u, -1.0}, {"3.5", 3, 3, 3.5},
         {" 12px", 12, 12, 12.0}, {"inf", 0, 0, 0.0},  {"-99999999999999999999", -2147483647 - 1, 4294967295u, -1e20},
@@ -71,6 +63,10 @@ TEST(Console, NumbersFollowTheTextsBase) {
         EXPECT_EQ(std::make_tuple(asInt, asUInt, asFloat), std::make_tuple(ref.GetInt(), ref.GetUInt(), ref.GetFloat()))
             << text;
     }
+
+    CaptureAsserts capture;
+    EXPECT_FALSE(klSetCvar("Buffer", nullptr) || klSetCvar(nullptr, "1"));
+    EXPECT_EQ((Strings{"val != NULL", "name != NULL"}), capture.Exprs());
 }
 
 // A reference destroyed before start-up left the queue; its neighbours were bound.
@@ -78,14 +74,10 @@ TEST(Console, StartupBindsQueuedReferencesToOneRecordPerName) {
     EXPECT_FALSE(gQueue.setBeforeStart || gQueue.boundBeforeStart);
     ASSERT_TRUE(gEarlyWidth.IsBound());
     EXPECT_EQ(gEarlyWidth.Record(), gEarlyWIDTH.Record());
-    EXPECT_EQ(Find("wIDth"), gEarlyWidth.Record());
     klVarRef late("wIdTh");
     EXPECT_EQ(gEarlyWidth.Record(), late.Record());
     EXPECT_TRUE(gQueue.first->IsBound() && gQueue.last->IsBound());
     EXPECT_EQ(nullptr, Find("QueueGone"));
-    klVarRef fresh("FreshAfterStart");
-    EXPECT_EQ(Find("freshafterstart"), fresh.Record());
-    EXPECT_STREQ("", fresh.GetString());
 
     CaptureAsserts capture;
     late.Reconstruct("Height");

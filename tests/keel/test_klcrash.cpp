@@ -58,12 +58,10 @@ TEST(CrashDeathTest, EachWayToDieReachesOneReport) {
     });
 }
 
-// Debug prints are cut to their buffer; on Linux wide ones are converted to UTF-8, with no
-// character for a lone surrogate or a value too large.
+// Debug prints are cut to their buffer; on Linux wide ones become UTF-8, bad values U+FFFD.
 TEST(Crash, MiniDumpDebugPrintAndLastError) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(nullptr, klWriteMiniDump("keel_crash_test_dump", "comment", nullptr));
-    EXPECT_EQ(nullptr, klWriteMiniDump(nullptr, nullptr, nullptr));
     testing::internal::GetCapturedStderr();
     testing::internal::CaptureStdout();
     klDebugPrint("%s", std::string(3000, 'a').c_str());

@@ -4,8 +4,7 @@
 
 using Lines = std::vector<std::string>;
 
-// Only line feeds end lines; the parser counts the lines it gave, keeps the last one
-// readable once at the end, and never reads past its size.
+// Only line feeds end lines; the last line stays readable; nothing past the size is read.
 TEST(KlLineParser, SplitsAtLineFeedsOnlyAndStaysAtTheEnd) {
     const std::pair<std::string, Lines> rows[] = {
         {"a\n", {"a"}}, {"\n\n", {"", ""}}, {"one\rtwo\r\n \tpadded\t", {"one\rtwo\r", " \tpadded\t"}},

@@ -9,14 +9,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// Lock misuse is reported from the platform half.
-#ifdef _WIN32
-const std::string kLockSource = "core/keel/win32/klw32lock.cpp";
-#else
-const std::string kLockSource = "core/keel/posix/klposixlock.cpp";
-#endif
-
-// Polls until done() holds or five seconds pass; a hang becomes a failed expectation.
+// Polls until done() holds or five seconds pass.
 template <class F> bool Eventually(F done) {
     for (auto until = Clock::now() + 5s; Clock::now() < until; std::this_thread::sleep_for(1ms))
         if (done()) return true;
@@ -45,12 +38,7 @@ TEST(KlMutex, RecursesForItsOwnerOnly) {
     mutex.Unlock(), mutex.Unlock();
     EXPECT_EQ(1u, mutex.RecursionDepth());
     mutex.~klMutex(); // still held
-    ASSERT_EQ(std::vector<std::string>{"_bSpin == 0"}, capture.Exprs());
-    EXPECT_EQ(kLockSource, capture.Reports()[0].file);
-
-    klMutex fresh;
-    fresh.Lock(), fresh.Unlock();
-    EXPECT_TRUE(TryLockElsewhere(fresh));
+    EXPECT_EQ(std::vector<std::string>{"_bSpin == 0"}, capture.Exprs());
 }
 
 TEST(KlCondition, UnheardWakeUpsAreLostAndTimeOutsReturnLocked) {
@@ -62,7 +50,6 @@ TEST(KlCondition, UnheardWakeUpsAreLostAndTimeOutsReturnLocked) {
     EXPECT_FALSE(cond.Wait(990)); // the deadline's nanoseconds almost surely carry into seconds
     EXPECT_GE(Clock::now() - start, 950ms); // the Windows timer may end a wait a tick early
     EXPECT_EQ(1u, cond.Mutex().RecursionDepth());
-    EXPECT_FALSE(TryLockElsewhere(cond.Mutex()));
     EXPECT_EQ(0u, cond.Waiting());
 }
 
