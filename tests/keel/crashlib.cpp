@@ -1,30 +1,22 @@
-// A library that takes over the process's crash handling while it loads, as some
-// third-party libraries do. The loader must undo that.
+// Takes over the crash handling while it loads, as some libraries do; the loader must undo it.
 #ifdef _WIN32
 #include <windows.h>
 #define CRASHLIB_EXPORT extern "C" __declspec(dllexport)
 static LONG WINAPI OwnFilter(EXCEPTION_POINTERS*) { return EXCEPTION_CONTINUE_SEARCH; }
-static void TakeOverCrashHandling() { SetUnhandledExceptionFilter(OwnFilter); }
+static int TakeOverCrashHandling() {
+    SetUnhandledExceptionFilter(OwnFilter);
+    return 1;
+}
 #else
 #include <signal.h>
 #define CRASHLIB_EXPORT extern "C" __attribute__((visibility("default")))
 static void OwnHandler(int) {}
-static void TakeOverCrashHandling() {
+static int TakeOverCrashHandling() {
     struct sigaction action = {};
     action.sa_handler = OwnHandler;
-    sigaction(SIGSEGV, &action, nullptr);
+    return sigaction(SIGSEGV, &action, nullptr) == 0;
 }
 #endif
 
-// 1 once the take-over has run.
 CRASHLIB_EXPORT int crashlib_took_over;
-int crashlib_took_over = 0;
-
-namespace {
-struct TakeOver {
-    TakeOver() {
-        TakeOverCrashHandling();
-        crashlib_took_over = 1;
-    }
-} gTakeOver;
-} // namespace
+int crashlib_took_over = TakeOverCrashHandling();

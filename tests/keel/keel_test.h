@@ -1,6 +1,5 @@
-// Helpers shared by the keel tests: catching assertion reports and log lines, temporary
-// folders, and matching the stderr of death tests by substring (GoogleTest's own regex
-// differs between platforms).
+// Helpers shared by the keel tests. Death tests match stderr by substring: GoogleTest's own
+// regex differs between platforms.
 #pragma once
 
 #include "keel/klassert.h"
@@ -30,16 +29,14 @@
 
 namespace keeltest {
 
-// Time bounds in tests are set for native code; under an emulator (the 32-bit Linux build
-// runs in qemu) the same work takes several times as long.
+// Time bounds are set for native code; the emulated 32-bit build (qemu) is several times slower.
 #ifdef KEEL_TEST_UNDER_EMULATOR
 inline constexpr int kTimeScale = 8;
 #else
 inline constexpr int kTimeScale = 1;
 #endif
 
-// Installs a report hook for its lifetime and keeps every report: the expression text,
-// the message (or "") and the file; Text() joins those three with '|'. Single-threaded use.
+// Keeps every assertion report while it lives; Text() joins expression, message and file with '|'.
 class CaptureAsserts {
 public:
     struct Report {
@@ -61,7 +58,6 @@ public:
         for (const Report& r : mReports) exprs.push_back(r.expr);
         return exprs;
     }
-    void Clear() { mReports.clear(); }
 
 private:
     static void Hook(const char* expr, const char* file, int line, const char* message) {
@@ -72,8 +68,7 @@ private:
     std::vector<Report> mReports;
 };
 
-// Matches a text that holds each needle exactly its count of times (at least once when the
-// count is negative).
+// Matches a text holding each needle exactly its count of times (negative: at least once).
 class SubstringMatcher : public testing::MatcherInterface<const std::string&> {
 public:
     using Needles = std::vector<std::pair<std::string, int>>;
@@ -105,8 +100,7 @@ inline testing::Matcher<const std::string&> HasAll(SubstringMatcher::Needles nee
     return testing::MakeMatcher(new SubstringMatcher(std::move(needles)));
 }
 
-// One row of a table of death tests: what to run, what its stderr must hold, and how the
-// process must end (an exit predicate; by default keel's death exit code).
+// A death test row: what to run, what its stderr must hold, how it must end (keel's code by default).
 struct Death {
     void (*run)();
     SubstringMatcher::Needles stderrHas;
@@ -138,8 +132,8 @@ protected:
     std::filesystem::path mDir;
 };
 
-// Replaces the default log sink for its lifetime (the console sink comes back after) and
-// keeps every message, expanded, one string per line. Single-threaded use.
+// Replaces the default log sink for its lifetime and keeps every message, expanded, and its
+// level. Single-threaded use.
 class CaptureLog {
 public:
     CaptureLog() {
@@ -152,10 +146,6 @@ public:
     }
     const std::vector<std::string>& Lines() const { return mLines; }
     std::vector<uint32_t> Levels() const { return mLevels; }
-    void Clear() {
-        mLines.clear();
-        mLevels.clear();
-    }
 
 private:
     static void Sink(uint32_t level, const char*, const char* message, va_list* args) {
@@ -177,9 +167,8 @@ private:
 };
 
 #if !defined(_WIN32)
-// A FIFO at path, made for its lifetime. A thread keeps opening it for writing without
-// blocking, which releases a reader stuck in open() and lets it read an empty file: code
-// that wrongly reads the FIFO then fails its test instead of hanging it.
+// A FIFO at path for its lifetime. A thread keeps opening it for writing, which releases a
+// reader stuck in open(): code that wrongly reads the FIFO fails its test instead of hanging.
 class ReleasedFifo {
 public:
     explicit ReleasedFifo(const std::string& path) : mPath(path) {

@@ -1,5 +1,4 @@
 #include "keel/klcrash.h"
-#include "keel/klthread.h"
 
 #include "keel_test.h"
 
@@ -31,21 +30,6 @@ volatile bool gStopRecursion = false;
     return gStopRecursion ? 0 : Recurse(depth + 1) + frame[0];
 }
 
-#ifndef _WIN32
-// The sanitizers give each thread an alternate stack of their own; without one, as in a
-// plain build, only keel's can catch the overflow.
-void DropAlternateStack() {
-    stack_t off = {};
-    off.ss_flags = SS_DISABLE;
-    sigaltstack(&off, nullptr);
-}
-
-struct Overflowing : klThread {
-    Overflowing() : klThread("overflowing", 256 * 1024) {}
-    void Run() override { Recurse(0); }
-};
-#endif
-
 const std::string kAbort = "SIGABRT - signo " + std::to_string(SIGABRT);
 
 } // namespace
@@ -54,24 +38,11 @@ TEST(CrashDeathTest, EachWayToDieReachesOneReport) {
     keeltest::ExpectDeaths({
         {[] { Install(), std::abort(); }, {{"ASSERT", -1}, {kAbort, 1}}},
         {[] { Install(), std::terminate(); }, {{"TERMINATE", -1}, {"std::terminate()", 1}}},
-        {[] { Install(), klReinstallCrashHandlers(), std::abort(); }, {{kAbort, 1}}},
-        // A death inside the death callback ends the process at once, with no second report.
-        {[] {
-             Install();
-             klSetDeathCallback([](const char* message) {
-                 std::fprintf(stderr, "callback saw [%s]\n", message);
-                 std::abort();
-             });
-             std::terminate();
-         },
-         {{"callback saw [std::terminate()]", 1}, {"SIGABRT", 0}}},
-        // Disabling restores the system's handling, and the host's terminate handler
-        // however often keel's was installed.
+        // Disabling restores the system's handling and the host's terminate handler.
 #ifdef _WIN32
         {[] { Disable(), std::abort(); }, {{kAbort, 0}}, ExitedWithCode(3)},
 #else
         {[] { Disable(), std::abort(); }, {{kAbort, 0}}, testing::KilledBySignal(SIGABRT)},
-        {[] { Disable(), std::terminate(); }, {{"TERMINATE", 0}}, testing::KilledBySignal(SIGABRT)},
 #endif
         {[] { std::set_terminate([] { std::_Exit(7); }), Install(), Disable(), std::terminate(); },
          {{"TERMINATE", 0}}, ExitedWithCode(7)},
@@ -81,48 +52,22 @@ TEST(CrashDeathTest, EachWayToDieReachesOneReport) {
              WriteThroughNull();
          },
          {{"filter ran\n", 1}, {"CRASH", -1}, {"SIGSEGV - signo 11", 1}}},
-        {[] { Install(), std::raise(SIGFPE); }, {{"SIGFPE - signo 8", 1}}},
-        {[] {
-             Install();
-             std::thread first(WriteThroughNull), second(WriteThroughNull);
-             first.join();
-             second.join();
-         },
-         {{"SIGSEGV - signo 11", 1}}},
-        // A stack overflow reports on the alternate stack: the installing thread's, a keel
-        // thread's, and that of a thread that asks for one.
+        // An overflow reports on the installing thread's alternate stack.
         {[] { Install(), Recurse(0); }, {{"SIGSEGV - signo 11", 1}}},
-        {[] {
-             Install();
-             klThreadBeginHook = DropAlternateStack;
-             Overflowing thread;
-             thread.Start();
-             thread.WaitStop(0);
-         },
-         {{"CRASH", -1}, {"SIGSEGV - signo 11", 1}}},
-        {[] {
-             Install();
-             std::thread([] { DropAlternateStack(), klUseCrashStack(), klUseCrashStack(), Recurse(0); }).join();
-         },
-         {{"SIGSEGV - signo 11", 1}}},
 #endif
     });
 }
 
+// Debug prints are cut to their buffer; on Linux wide ones become UTF-8, bad values U+FFFD.
 TEST(Crash, MiniDumpDebugPrintAndLastError) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(nullptr, klWriteMiniDump("keel_crash_test_dump", "comment", nullptr));
-    EXPECT_EQ(nullptr, klWriteMiniDump(nullptr, nullptr, nullptr));
     testing::internal::GetCapturedStderr();
-    EXPECT_FALSE(std::filesystem::exists(std::filesystem::temp_directory_path() / "keel_crash_test_dump.dmp"));
-
     testing::internal::CaptureStdout();
-    klDebugPrint("%s=%d\n", "x", 5);
-    klDebugPrint("%s", std::string(3000, 'a').c_str()); // cut to the buffer
-    klDebugPrint(L"%ls=%d\n", L"w", 7);
-    klDebugPrint(L"%ls", std::wstring(3000, L'b').c_str());
-    std::string expected = "x=5\n" + std::string(2047, 'a') + "w=7\n" + std::string(2047, 'b');
-#ifndef _WIN32 // converted to UTF-8; no character for a lone surrogate or a value too large
+    klDebugPrint("%s", std::string(3000, 'a').c_str());
+    klDebugPrint(L"%ls=%d\n", std::wstring(3000, L'b').c_str(), 7);
+    std::string expected = std::string(2047, 'a') + std::string(2047, 'b');
+#ifndef _WIN32
     klDebugPrint(L"%lc%lc%lc%lc", wchar_t(0xE9), wchar_t(0x1F600), wchar_t(0xD800), wchar_t(0x110000));
     expected += "\xC3\xA9\xF0\x9F\x98\x80\xEF\xBF\xBD\xEF\xBF\xBD";
 #endif

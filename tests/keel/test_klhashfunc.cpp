@@ -14,16 +14,13 @@ std::string Md5Of(const void* bytes, uint32_t size) {
     md5.Update(bytes, size);
     return Hex(md5.Finish());
 }
-std::string Md5Of(const std::string& text) { return Md5Of(text.data(), uint32_t(text.size())); }
 } // namespace
 
-// The 64-bit form is plain FNV-1a; the 32-bit one is FNV-1a stirred by the mixing step.
-// High bytes count as 128..255; a block may hold zero bytes, the text form stops there.
+// 64 bits: plain FNV-1a; 32 bits: FNV-1a stirred. The text form stops at a zero byte.
 TEST(HashFunc, FnvInBothWidthsAndForms) {
     const std::tuple<std::string, uint64_t, uint32_t> cases[] = {
-        {"", 0xcbf29ce484222325ull, 0x5902879eu},       {"a", 0xaf63dc4c8601ec8cull, 0xd94aa0cfu},
-        {"foobar", 0x85944171f73967e8ull, 0x950a6281u}, {"\xff", 0xaf64724c8602eb6eull, 0x39b2a712u},
-        {"\xe9", 0xaf64644c8602d3a4ull, 0xbe1402cfu},   {{"a\0b", 3}, 0xe5d29919042666b2ull, 0x0fc4f418u},
+        {"", 0xcbf29ce484222325ull, 0x5902879eu},   {"foobar", 0x85944171f73967e8ull, 0x950a6281u},
+        {"\xff", 0xaf64724c8602eb6eull, 0x39b2a712u}, {{"a\0b", 3}, 0xe5d29919042666b2ull, 0x0fc4f418u},
     };
     for (const auto& [bytes, fnv64, mixed32] : cases) {
         EXPECT_EQ(fnv64, klHashBytes64(bytes.data(), uint32_t(bytes.size()))) << bytes;
@@ -34,9 +31,8 @@ TEST(HashFunc, FnvInBothWidthsAndForms) {
     }
 }
 
-// The RFC's suite, and lengths around the padding boundaries, where the length goes into
-// the same block or a new one.
-TEST(HashFunc, Md5MatchesPublishedDigests) {
+// The RFC's suite and the padding boundaries; any split of the input gives the same digest.
+TEST(HashFunc, Md5MatchesPublishedDigestsHoweverTheInputIsSplit) {
     const std::pair<std::string, const char*> suite[] = {
         {"", "d41d8cd98f00b204e9800998ecf8427e"},
         {"abc", "900150983cd24fb0d6963f7d28e17f72"},
@@ -44,16 +40,9 @@ TEST(HashFunc, Md5MatchesPublishedDigests) {
          "57edf4a22be3c955ac49da2e2107b67a"},
         {std::string(55, 'a'), "ef1772b6dff9a122358552954ad0df65"},
         {std::string(56, 'a'), "3b0c8ac703f828b04c6c197006d17218"},
-        {std::string(63, 'a'), "b06521f39153d618550606be297466d5"},
-        {std::string(64, 'a'), "014842d480b571495a4a0363793f7367"},
-        {std::string(65, 'a'), "c743a45e0d2e6a95cb859adae0248435"},
-        {std::string(1000000, 'a'), "7707d6ae4e027c70eea2a935c2296f21"}};
-    for (const auto& [text, digest] : suite) EXPECT_EQ(digest, Md5Of(text)) << text.size();
-}
+        {std::string(64, 'a'), "014842d480b571495a4a0363793f7367"}};
+    for (const auto& [text, digest] : suite) EXPECT_EQ(digest, Md5Of(text.data(), uint32_t(text.size()))) << text;
 
-// Pieces of every length up to a block, a second piece of the same length crossing other
-// edges, give the whole's digest; starting again drops a digest in progress.
-TEST(HashFunc, Md5GivesTheSameDigestHoweverTheInputIsSplit) {
     std::vector<uint8_t> data(200);
     std::mt19937 gen(7);
     for (uint8_t& b : data) b = uint8_t(gen());
@@ -68,27 +57,18 @@ TEST(HashFunc, Md5GivesTheSameDigestHoweverTheInputIsSplit) {
         md5.Update(data.data() + 2 * cut, 200 - 2 * cut);
         EXPECT_EQ(whole, Hex(md5.Finish())) << "cut " << cut;
     }
+    keeltest::CaptureAsserts capture;
+    md5.Update("abc", 3); // finished: ignored, and reported
+    EXPECT_EQ(std::string(32, '0'), Hex(md5.Finish()));
+    EXPECT_EQ((std::vector<std::string>{"_internal != NULL", "_internal != NULL"}), capture.Exprs());
 }
 
-TEST(HashFunc, Md5AndMapFindReportMisuseAndFallBack) {
+TEST(HashFunc, MapFindCopiesOutOrReports) {
     keeltest::CaptureAsserts capture;
-    klHashMD5 md5;
-    md5.Finish();
-    EXPECT_FALSE(md5.InProgress());
-    md5.Update("abc", 3);
-    EXPECT_EQ(std::string(32, '0'), Hex(md5.Finish()));
-    ASSERT_EQ((std::vector<std::string>{"_internal != NULL", "_internal != NULL"}), capture.Exprs());
-    EXPECT_EQ("core/keel/klhashfunc.cpp", capture.Reports()[1].file);
-    EXPECT_LT(capture.Reports()[0].line, capture.Reports()[1].line); // Update's, then Finish's
-    md5.Start(); // the ignored bytes leave no trace
-    EXPECT_EQ("d41d8cd98f00b204e9800998ecf8427e", Hex(md5.Finish()));
-
     klMap<klString, int, klStringLessThan> map;
     map[klString("two")] = 2;
     int out = 99;
-    EXPECT_TRUE(klMapFind(map, klString("two"), &out));
-    EXPECT_FALSE(klMapFind(map, klString("three"), &out));
-    EXPECT_EQ(2, out);
+    EXPECT_TRUE(klMapFind(map, klString("two"), &out) && !klMapFind(map, klString("three"), &out) && out == 2);
     EXPECT_FALSE(klMapFind(map, klString("two"), static_cast<int*>(nullptr)));
     EXPECT_EQ("pOut != NULL||core/keel/klmap.h", capture.Reports().back().Text());
 }

@@ -4,38 +4,20 @@
 
 using Lines = std::vector<std::string>;
 
-namespace {
-
-// Every line of the first size bytes of data.
-Lines ReadAll(const char* data, size_t size) {
-    klLineParser parser(data, uint32_t(size));
-    Lines lines;
-    while (parser.ReadLine())
-        lines.emplace_back(parser.GetLineText().Const(), parser.GetLineText().Size());
-    return lines;
-}
-
-} // namespace
-
-TEST(KlLineParser, OnlyLineFeedsEndLines) {
+// Only line feeds end lines; the last line stays readable; nothing past the size is read.
+TEST(KlLineParser, SplitsAtLineFeedsOnlyAndStaysAtTheEnd) {
     const std::pair<std::string, Lines> rows[] = {
-        {"a\nb", {"a", "b"}},    {"a\n", {"a"}}, {"\n\n", {"", ""}}, {"a\r\n", {"a\r"}},
-        {"one\rtwo\r\n \tpadded\t", {"one\rtwo\r", " \tpadded\t"}},  {"", {}},
-        {std::string("a\0b\nc", 5), {std::string("a\0b", 3), "c"}}};
-    for (const auto& [text, lines] : rows)
-        EXPECT_EQ(lines, ReadAll(text.data(), text.size())) << text;
-    EXPECT_EQ((Lines{}), ReadAll(nullptr, 5));
-    EXPECT_EQ((Lines{"ab"}), ReadAll("ab\ncd", 2)); // never past the size
-}
-
-TEST(KlLineParser, CountsLinesAndStaysAtTheEnd) {
-    klLineParser parser("first\n\nthird\n", 13);
-    for (const char* expected : {"first", "", "third"}) {
-        ASSERT_TRUE(parser.ReadLine());
-        EXPECT_EQ(parser.GetLineText(), expected);
+        {"a\n", {"a"}}, {"\n\n", {"", ""}}, {"one\rtwo\r\n \tpadded\t", {"one\rtwo\r", " \tpadded\t"}},
+        {"", {}},       {std::string("a\0b\nc", 5), {std::string("a\0b", 3), "c"}}};
+    for (const auto& [text, lines] : rows) {
+        klLineParser parser(text.data(), uint32_t(text.size()));
+        Lines read;
+        while (parser.ReadLine()) read.emplace_back(parser.GetLineText().Const(), parser.GetLineText().Size());
+        EXPECT_EQ(lines, read) << text;
+        EXPECT_EQ(lines.size(), parser.GetLineNumber());
+        EXPECT_EQ(parser.GetLineText(), lines.empty() ? "" : lines.back().c_str());
     }
-    for (int i = 0; i < 3; ++i)
-        EXPECT_FALSE(parser.ReadLine());
-    EXPECT_EQ(3u, parser.GetLineNumber());
-    EXPECT_EQ(parser.GetLineText(), "third"); // the last line stays readable
+    klLineParser cut("ab\ncd", 2);
+    EXPECT_TRUE(cut.ReadLine() && cut.GetLineText() == "ab" && !cut.ReadLine());
+    EXPECT_FALSE(klLineParser(nullptr, 5).ReadLine());
 }

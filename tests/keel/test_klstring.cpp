@@ -27,7 +27,6 @@ TEST(KlString, CapacityAndHeaderFormAtEachBoundary) {
             EXPECT_EQ(poolBefore + (pooled ? 1 : 0), pool.Count());
             const uint32_t block = klProcessBytesInUse() - before;
             EXPECT_GE(block, pooled ? 0u : n + (large ? 17u : 9u));
-            EXPECT_LT(block, pooled ? 1u : n + 64u);
             s.Append("c"); // growth is exact
             EXPECT_EQ(n + 1, s.Capacity());
         }
@@ -36,8 +35,7 @@ TEST(KlString, CapacityAndHeaderFormAtEachBoundary) {
     }
 }
 
-// Writes copy shared text first, reuse unshared room in place, and survive taking their
-// source from the string itself.
+// Writes copy shared text first, reuse unshared room, and may read the string itself.
 TEST(KlString, WritesNeverReachSharedText) {
     klString a = "hello", b = a, c = a;
     b.Append(" world");
@@ -52,13 +50,6 @@ TEST(KlString, WritesNeverReachSharedText) {
     big.Clear(false); // unique now: the buffer stays
     big = "short";
     EXPECT_EQ(block, big.Const());
-    EXPECT_EQ(40u, big.Capacity());
-    klString holder = big;
-    big = "other";
-    EXPECT_EQ(holder, "short");
-    EXPECT_NE(block, big.Const());
-    shared = "";
-    EXPECT_EQ(nullptr, shared.Ptr());
 
     klString self = "0123456789abcdefghijklmnopqrstuvwxyz";
     self = self.Const() + 1;
@@ -66,53 +57,9 @@ TEST(KlString, WritesNeverReachSharedText) {
     EXPECT_EQ(self, "123456789abcdefghijklmnopqrstuvwxyz123456789abcdefghijklmnopqrstuvwxyz");
 }
 
-TEST(KlString, ConcurrentCopiesShareOneText) {
-    const klString original = Repeat('s', 100);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 8; ++t) {
-        threads.emplace_back([&original, t] {
-            for (int i = 0; i < 2000; ++i) {
-                klString copy = original, second = copy, shortText = klpf("t%d", i); // pool too
-                if (i % 4 == t % 4) second.AppendFormat("-%d", i);
-                EXPECT_EQ('\0', original.Const()[100]);
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(1u, original.UseCount());
-    EXPECT_EQ(original, Repeat('s', 100));
-}
-
-// A damaged header's block is leaked, not given to the wrong allocator.
-TEST(KlString, BrokenContractsAreReportedAndSurvived) {
-    keeltest::CaptureAsserts capture;
-    klString s = "abcd";
-    s.Insert(5, "x");
-    s.Insert(1, s.Const() + 1, 2);
-    s.ReplaceRange(3, 2, "z", 1);
-    EXPECT_EQ(0u, s.Replace(nullptr, "x", true));
-    EXPECT_EQ(1u, s.Replace("b", nullptr, true));
-    EXPECT_EQ(s, "acd"); // the refused edits changed nothing
-    EXPECT_TRUE(Split(nullptr, ",").empty());
-    EXPECT_EQ(1u, Split("a,b", nullptr).size());
-    char buf[2] = {'q', 0};
-    EXPECT_EQ('q', *klStrNCopy(buf, "x", 0));
-    {
-        klString damaged = "abc";
-        const uint16_t bogus = 5;
-        std::memcpy(damaged.Ptr() - 8, &bogus, sizeof(bogus));
-    }
-    EXPECT_EQ((std::vector<std::string>{"index <= Size()",
-                                        "!mData || data > reinterpret_cast<const char*>(mData.bytes) + Size() || "
-                                        "data + insertLen < reinterpret_cast<const char*>(mData.bytes)",
-                                        "start + len <= curSize", "szOld && szNew", "szOld && szNew", "source != NULL",
-                                        "splitChars != NULL", "dstBufferSize > 0",
-                                        "header->stringCapacity >= klStringDetails::smallCapacitySize"}),
-              capture.Exprs());
-    EXPECT_EQ("core/keel/klstring.cpp", capture.Reports().back().file);
-}
-
-TEST(KlString, EditingSlicingSplittingAndJoining) {
+// Inserted text is never matched again; a line ending exactly at 10 keeps its line feed;
+// formatted text stops at 2047 characters, counted, not at the terminator.
+TEST(KlString, EditingSlicingJoiningAndFormatting) {
     klString s = "held";
     s.Insert(2, "llo wor");
     s.Insert(0, ">");
@@ -120,45 +67,42 @@ TEST(KlString, EditingSlicingSplittingAndJoining) {
     s.ReplaceRange(0, 1, "[[", 2); // growing
     EXPECT_EQ(s, "[[HI world");
     klString a = "aaa";
-    EXPECT_EQ(3u, a.Replace("a", "aa", true)); // inserted text is never matched again
+    EXPECT_EQ(3u, a.Replace("a", "aa", true));
     EXPECT_EQ(1u, a.Replace("aa", "b", false));
-    EXPECT_EQ(0u, a.Replace("", "x", false));
     klString shared = a;
     EXPECT_EQ(1u, shared.ReplaceChar('a', 'b', false));
-    EXPECT_EQ(2u, shared.ReplaceChar('b', 'c', true));
-    EXPECT_EQ(shared, "ccaaa");
+    EXPECT_EQ(3u, shared.ReplaceChar('a', 'c', true));
+    EXPECT_EQ(shared, "bbccc");
     EXPECT_EQ(a, "baaaa");
 
     EXPECT_EQ(1, s.Find('[', true));
     EXPECT_EQ(5, s.Find("wo", 5));
-    EXPECT_EQ(-1, s.Find("[", 2));
     EXPECT_EQ(-1, klString("hello").Find("", 5));
     EXPECT_EQ(s.SubString(5, 99), "world");
-    EXPECT_TRUE(s.SubString(3, 2).IsEmpty() && klString("   ").Trim().IsEmpty());
     EXPECT_EQ(klString(" a b\t\n").Trim(), "a b");
-    // A line that ends exactly at position 10 keeps its line feed; one ending at 9 does not.
+    EXPECT_TRUE(s.SubString(3, 2).IsEmpty() && klString("   ").Trim().IsEmpty());
     EXPECT_EQ(klString("0123456789\nabc").GetLineAt(3), "0123456789\n");
     EXPECT_EQ(klString("012345678\nabc").GetLineAt(3), "012345678");
     EXPECT_EQ((std::vector<klString>{"a", "b"}), Split(",a,,b,", ","));
     EXPECT_EQ(Join(", ", {"a", "", "b"}), "a, , b");
     EXPECT_EQ(Join(nullptr, {"a", "b"}), "ab");
-    EXPECT_EQ(Join(",", {"", ""}), ",");
     EXPECT_EQ(0u, Join("", {"", ""}).Capacity()); // nothing to hold: no block
-    // The whole text is reserved at once: a single heap block of the exact size.
-    const std::vector<klString> long3{Repeat('a', 20), Repeat('b', 20), "c"};
-    static int allocations;
-    allocations = 0;
-    klSetAllocHooks([](bool isAllocation, void**) { return isAllocation; },
-                    [](void*, bool, size_t, void*) { ++allocations; });
-    klString joined = Join("--", long3);
-    klSetAllocHooks(nullptr, nullptr);
-    EXPECT_EQ(1, allocations);
-    EXPECT_EQ(45u, joined.Capacity());
+
+    const std::string big(3000, 'y');
+    EXPECT_EQ(klString(big.c_str(), 2047), klpf("%s", big.c_str()));
+    klString f = "<";
+    EXPECT_EQ(2047, f.AppendFormat("%2047d", 7));
+    keeltest::CaptureAsserts capture;
+    EXPECT_EQ(-1, f.AppendFormatP("%2048d", 7));
+    EXPECT_EQ(1u + 2047, f.Size());
+    EXPECT_EQ(std::vector<std::string>{"written >= 0"}, capture.Exprs());
+    klString p = "=";
+    EXPECT_EQ(3, p.AppendFormat("a%cb", 0));
+    EXPECT_EQ(3, p.AppendFormatP("%2$s %1$s", "a", "b"));
+    EXPECT_EQ(p, klString("=a\0bb a", 7));
 }
 
-// Every byte in every word lane converts as the C library's tables say; a key's copy is
-// lowered, not the shared text. Booleans: the text, then the result with default true and
-// with default false ('1' true, '0' false).
+// Every byte in every word lane converts as the C library says; booleans read with both defaults.
 TEST(KlString, CaseConversionAndNumbers) {
     for (int offset = 0; offset < 9; ++offset) {
         std::string text, upper, lower;
@@ -170,45 +114,14 @@ TEST(KlString, CaseConversionAndNumbers) {
         klString s = text.c_str();
         EXPECT_EQ(s.ToUpper(), upper.c_str());
         EXPECT_EQ(s.ToLower(), lower.c_str());
-        EXPECT_TRUE(s.IsLowerCase());
     }
     klString mixed = "MiXeD";
-    EXPECT_EQ(klLCaseString(mixed), "mixed");
-    EXPECT_FALSE(mixed.IsLowerCase());
-    EXPECT_TRUE(mixed.EqualsNoCase("mIxEd"));
+    EXPECT_TRUE(klLCaseString(mixed) == "mixed" && !mixed.IsLowerCase() && mixed.EqualsNoCase("mIxEd"));
     EXPECT_STREQ("HayStack", klStrIStr("Some HayStack", "hAYs"));
-    EXPECT_TRUE(klStringLessThan()(klString("b\0a", 3), klString("b\0c", 3)));
-
-    const char* const cases[][2] = {{"", "10"},   {"0", "00"},    {"f", "00"},     {"T", "11"},
-                                    {"t", "11"},  {"x", "10"},    {"-1", "00"},    {"12", "11"},
-                                    {"00", "00"}, {"TRUE", "11"}, {"False", "00"}, {"yes", "10"}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(c[1][0] == '1', klStringToBool(c[0], true)) << c[0];
-        EXPECT_EQ(c[1][1] == '1', klStringToBool(c[0], false)) << c[0];
-    }
+    const char* const cases[][2] = {{"", "10"},  {"0", "00"},    {"T", "11"},     {"x", "10"},  {"-1", "00"},
+                                    {"12", "11"}, {"TRUE", "11"}, {"False", "00"}, {"yes", "10"}};
+    for (const auto& [text, results] : cases)
+        EXPECT_EQ(results, klpf("%d%d", klStringToBool(text, true), klStringToBool(text, false))) << text;
     EXPECT_EQ(0xFFFFFFFFu, klString("99999999999").ToULong(10));
-    EXPECT_EQ(0xFFFFFFFEu, klString("-2").ToULong(10));
 }
 
-// Formatted text stops at 2047 characters; the count decides, not the terminator.
-TEST(KlString, FormattingLimits) {
-    const std::string big(3000, 'y');
-    EXPECT_EQ(klString(big.c_str(), 2047), klpf("%s", big.c_str()));
-    for (bool positional : {false, true}) {
-        klString s = "<";
-        auto append = [&](const char* format) {
-            return positional ? s.AppendFormatP(format, 7) : s.AppendFormat(format, 7);
-        };
-        EXPECT_EQ(2046, append("%2046d"));
-        EXPECT_EQ(2047, append("%2047d"));
-        keeltest::CaptureAsserts capture;
-        EXPECT_EQ(-1, append("%2048d"));
-        EXPECT_EQ(1u + 2046 + 2047, s.Size());
-        ASSERT_EQ(1u, capture.Reports().size());
-        EXPECT_EQ("buffer overflow", capture.Reports()[0].message);
-    }
-    klString p = "=";
-    EXPECT_EQ(3, p.AppendFormat("a%cb", 0));
-    EXPECT_EQ(3, p.AppendFormatP("%2$s %1$s", "a", "b"));
-    EXPECT_EQ(p, klString("=a\0bb a", 7));
-}
