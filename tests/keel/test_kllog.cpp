@@ -128,6 +128,17 @@ TEST_F(LogFileTest, FileSinkWritesExactLinesAndFlushes) {
     klFileLogSink(klLogInfo, "       ", "again", nullptr);
     klCloseLogFile();
     EXPECT_EQ(expected + "INFO " + at + "        " + Tid() + " again\n", ReadAll(file));
+
+#ifndef _WIN32 // the narrow Windows file calls stop at 260 characters
+    // A path longer than any fixed buffer is still known again: the file is appended to.
+    fs::path dir = mDir;
+    while (dir.string().size() < 1100) dir /= std::string(200, 'd');
+    klFileSystem::SetLogDir(dir.string().c_str());
+    for (const char* message : {"one", "two"}) klFileLogSink(klLogInfo, "       ", message, nullptr);
+    klCloseLogFile();
+    const std::string prefix = "INFO " + at + "        " + Tid() + " ";
+    EXPECT_EQ(prefix + "one\n" + prefix + "two\n", ReadAll(dir / "console.log"));
+#endif
 }
 
 #ifndef _WIN32
@@ -168,7 +179,7 @@ TEST_F(LogFileTest, FileSinkLinesMatchTheFormatForEveryDate) {
     klFileSystem::SetLogDir(mDir.string().c_str());
     static std::tm sDate;
     klLogClock = [](std::tm* out) { *out = sDate; };
-    const int dates[][6] = {{126, 0, 2, 3, 4, 5}, {9000, 11, 31, 23, 59, 60}, {-1901, -2, -3, 100, -1, 0}, {0, 8, 9, 0, 0, 7}};
+    const int dates[][6] = {{9000, 11, 31, 23, 59, 60}, {-1901, -2, -3, 100, -1, 0}, {0, 8, 9, 0, 0, 7}};
     std::string expected;
     for (const auto& d : dates) {
         sDate = std::tm{};
@@ -192,76 +203,44 @@ TEST_F(LogFileTest, FileSinkLinesMatchTheFormatForEveryDate) {
     EXPECT_EQ(klLogLineMax - 1, rest.size() - rest.rfind("INFO "));
 }
 
-TEST_F(LogFileTest, FileSinkKeepsAppendingToAPathPast1023Characters) {
-#ifdef _WIN32
-    GTEST_SKIP() << "the narrow Windows file calls stop at 260 characters";
-#endif
-    FixedTime fixed;
-    fs::path dir = mDir;
-    while (dir.string().size() < 1100) dir /= std::string(200, 'd');
-    klFileSystem::SetLogDir(dir.string().c_str());
-    for (const char* message : {"one", "two"}) klFileLogSink(klLogInfo, "       ", message, nullptr);
-    klCloseLogFile();
-    const std::string prefix = "INFO  2026-01-02 03:04:05         " + Tid() + " ";
-    EXPECT_EQ(prefix + "one\n" + prefix + "two\n", ReadAll(dir / "console.log"));
-}
-
-namespace {
-// Death-test bodies: each writes stdout to a file and prints what it found to stderr.
-void PrintStreams() {
-    const fs::path out = fs::temp_directory_path() / "kllog-streams.txt";
-    FixedTime fixed;
-    keeltest::CaptureAsserts capture;
-    if (!std::freopen(out.string().c_str(), "w", stdout)) std::exit(3);
-    klLogger log("net", nullptr, klLogTrace);
-    log.Warn("same %d", 1);
-    log.Error("same %d", 1);
-    klSysLog("sys %s", "up");
-    klConsoleLogSink(9, "  ODD  ", "odd", nullptr);
-    std::fclose(stdout);
-    std::fprintf(stderr, "asserts=%s\nOUT<%s>\n", capture.Exprs().at(0).c_str(), ReadAll(out).c_str());
-    fs::remove(out);
-    std::exit(0);
-}
-void LogFromEightThreads() {
-    const fs::path out = fs::temp_directory_path() / "kllog-concurrent.txt";
-    if (!std::freopen(out.string().c_str(), "w", stdout)) std::exit(3);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 8; ++t)
-        threads.emplace_back([t] {
-            klLogger log("mt", nullptr, klLogTrace);
-            for (int i = 0; i < 300; ++i) log.Info("thread %d line %03d %s", t, i, "payload-payload-payload");
-        });
-    for (std::thread& thread : threads) thread.join();
-    std::fclose(stdout);
-    std::istringstream lines(ReadAll(out));
-    int whole = 0, broken = 0;
-    for (std::string line; std::getline(lines, line);) {
-        const bool ok = line.rfind("INFO ", 0) == 0 && line.find("  MT    (") == 26 && line.size() > 30 &&
-                        line.substr(line.size() - 24) == " payload-payload-payload";
-        ++(ok ? whole : broken);
-    }
-    std::fprintf(stderr, "whole=%d broken=%d\n", whole, broken);
-    fs::remove(out);
-    std::exit(0);
-}
-} // namespace
-
 // Warnings and below go to stdout, errors to stderr, with no colour codes when the
-// streams are no console; an unknown level is reported and printed as "?????".
-TEST(LogDeathTest, ConsoleSinkPicksTheStreamByLevel) {
-    keeltest::ExpectDeaths({{PrintStreams,
-                             {{"ERROR 2026-01-02 03:04:05   NET   (", 1},
-                              {") same 1\n", 2},
-                              {"OUT<WARN  2026-01-02 03:04:05   NET   (", 1},
-                              {"\nNOTCE 2026-01-02 03:04:05 SYSLOG  (", 1},
-                              {") sys up\n", 1},
-                              {"\n????? 2026-01-02 03:04:05   ODD   (", 1},
-                              {"asserts=unknown log enum\n", 1},
-                              {"\033", 0}},
-                             testing::ExitedWithCode(0)}});
-}
-
-TEST(LogDeathTest, ConcurrentConsoleLinesStayWhole) {
-    keeltest::ExpectDeaths({{LogFromEightThreads, {{"whole=2400 broken=0\n", 1}}, testing::ExitedWithCode(0)}});
+// streams are no console; an unknown level is reported and printed as "?????". Lines that
+// eight threads write at once arrive whole.
+TEST(LogDeathTest, ConcurrentConsoleSinkPicksTheStreamByLevelAndKeepsLinesWhole) {
+    auto body = [] {
+        const fs::path out = fs::temp_directory_path() / "kllog-console.txt";
+        FixedTime fixed;
+        keeltest::CaptureAsserts capture;
+        if (!std::freopen(out.string().c_str(), "w", stdout)) std::exit(3);
+        klLogger log("net", nullptr, klLogTrace);
+        log.Warn("same %d", 1);
+        log.Error("same %d", 1);
+        klSysLog("sys %s", "up");
+        klConsoleLogSink(9, "  ODD  ", "odd", nullptr);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 8; ++t)
+            threads.emplace_back([] {
+                klLogger own("net", nullptr, klLogTrace);
+                for (int i = 0; i < 300; ++i) own.Info("%s", "payload-payload-payload");
+            });
+        for (std::thread& thread : threads) thread.join();
+        std::fclose(stdout);
+        std::istringstream lines(ReadAll(out));
+        int whole = 0;
+        for (std::string line; std::getline(lines, line);)
+            whole += line.rfind("INFO  2026-01-02 03:04:05   NET   (", 0) == 0 &&
+                     line.find(") payload-payload-payload") == line.size() - 25;
+        std::fprintf(stderr, "asserts=%s whole=%d\nOUT<%s>\n", capture.Exprs().at(0).c_str(), whole,
+                     ReadAll(out).substr(0, 200).c_str());
+        fs::remove(out);
+        std::exit(0);
+    };
+    EXPECT_EXIT(body(), testing::ExitedWithCode(0),
+                keeltest::HasAll({{"ERROR 2026-01-02 03:04:05   NET   (", 1},
+                                  {") same 1\n", 2},
+                                  {"asserts=unknown log enum whole=2400\nOUT<WARN  2026-01-02 03:04:05   NET   (", 1},
+                                  {"\nNOTCE 2026-01-02 03:04:05 SYSLOG  (", 1},
+                                  {") sys up\n", 1},
+                                  {"\n????? 2026-01-02 03:04:05   ODD   (", 1},
+                                  {"\033", 0}}));
 }
