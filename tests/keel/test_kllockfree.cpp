@@ -4,13 +4,10 @@
 #include "keel/klmalloc.h"
 #include "keel/klplatform.h"
 
-#include <algorithm>
 #include <cstring>
-#include <set>
 
 using Pool = klSafeQueue::NodePool;
 using Strings = std::vector<std::string>;
-using namespace std::chrono_literals;
 using keeltest::RunThreads;
 
 namespace {
@@ -32,15 +29,14 @@ TEST(LockFree, PoolPlacesAlignedUnitsAndReturnsEveryByte) {
     }
     {
         Pool pool(16, 4, 8);
-        static std::set<void*> handed, all;
-        for (int i = 0; i < 9; ++i) handed.insert(pool.Alloc()); // three blocks
+        void* last = nullptr;
+        for (int i = 0; i < 9; ++i) last = pool.Alloc(); // three blocks
+        static int sUnits = 0;
+        pool.ForEach([](void*) { ++sUnits; });
+        EXPECT_EQ(12, sUnits); // every unit of every block, handed out or not
+        pool.Free(last);
+        EXPECT_EQ(last, pool.Alloc()); // a freed unit comes back first
         EXPECT_EQ(9u, pool.Count());
-        pool.ForEach([](void* unit) { all.insert(unit); });
-        EXPECT_EQ(12u, all.size()); // every unit of every block, handed out or not
-        EXPECT_TRUE(std::includes(all.begin(), all.end(), handed.begin(), handed.end()));
-        pool.Free(*handed.begin());
-        EXPECT_EQ(*handed.begin(), pool.Alloc()); // a freed unit comes back first
-        handed.clear(), all.clear();
     }
     EXPECT_EQ(before, klProcessBytesInUse());
 
@@ -55,31 +51,6 @@ TEST(LockFree, PoolPlacesAlignedUnitsAndReturnsEveryByte) {
               capture.Exprs());
 }
 
-// The interleaving behind ABA, played by hand: a pop reads the top and its link, other pops
-// and pushes put the same top back with another link, and the first pop's swap must fail.
-TEST(LockFree, CountedSwapFailsAfterTheTopWasTakenAndPutBack) {
-    int a;
-    klCountedPtr slot{&a, 7};
-    EXPECT_FALSE(klCompareAndSwapCounted(&slot, {nullptr, 7}, {&a, 8})); // the pointer half counts too
-    keeltest::CaptureAsserts capture;
-    void* units[3][2] = {};
-    klCountedStack stack;
-    EXPECT_EQ(nullptr, stack.Pop());
-    for (auto& unit : units) stack.Push(unit);
-    EXPECT_EQ(units[2], stack.Pop()); // last in, first out
-    static_assert(std::is_standard_layout_v<klCountedStack>);
-    klCountedPtr* top = reinterpret_cast<klCountedPtr*>(&stack); // its one member
-    const klCountedPtr seen = klLoadCounted(top);
-    EXPECT_EQ(units[1], stack.Pop());
-    EXPECT_EQ(units[0], stack.Pop());
-    stack.Push(units[1]); // the same top again, now without a successor
-    EXPECT_FALSE(klCompareAndSwapCounted(top, seen, {units[0], seen.tag + 1}));
-    EXPECT_EQ(units[1], stack.Pop());
-    stack.Push(nullptr);
-    EXPECT_EQ(Strings{"data != NULL"}, capture.Exprs());
-    EXPECT_TRUE(stack.IsEmpty());
-}
-
 TEST(SafeQueueDeathTest, KeepsOrderReturnsZeroWhenEmptyAndMustBeEmptiedBeforeDestruction) {
     klSafeQueue queue;
     for (uintptr_t value = 1; value <= 100; ++value) queue.Push(value); // past one pool block
@@ -90,8 +61,7 @@ TEST(SafeQueueDeathTest, KeepsOrderReturnsZeroWhenEmptyAndMustBeEmptiedBeforeDes
                               "destroyed) failed at: core/keel/kllockfree.cpp:", 1));
 }
 
-// Every value is (producer, sequence): marks find duplicates, the count finds losses, and
-// each consumer sees any one producer's values in push order.
+// Values are (producer, sequence): no duplicate, no loss, each producer's in push order.
 TEST(SafeQueue, ConcurrentProducersAndConsumersMoveEveryValueOnce) {
     constexpr uintptr_t kProducers = 4, kEach = 25000, kTotal = kProducers * kEach;
     klSafeQueue queue;
@@ -100,7 +70,7 @@ TEST(SafeQueue, ConcurrentProducersAndConsumersMoveEveryValueOnce) {
     RunThreads(2 * kProducers, [&](uintptr_t t) {
         for (uintptr_t i = 1; t < kProducers && i <= kEach; ++i) queue.Push((t + 1) << 20 | i);
         uintptr_t last[kProducers] = {};
-        const auto until = std::chrono::steady_clock::now() + 20s;
+        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         while (t >= kProducers && popped < kTotal && std::chrono::steady_clock::now() < until) {
             uintptr_t value = queue.Pop(), producer = (value >> 20) - 1, sequence = value & 0xFFFFF;
             if (value == 0) continue;
@@ -115,19 +85,13 @@ TEST(SafeQueue, ConcurrentProducersAndConsumersMoveEveryValueOnce) {
 
 TEST(SpinCounter, TakesOnlyWhilePositiveAndGivesUpAfterTheTimeout) {
     klSpinCounter counter(1);
-    EXPECT_EQ(1u, counter.WaitDecrement(0));
-    EXPECT_FALSE(counter.TryIncrementFrom(1));
-    EXPECT_TRUE(counter.TryIncrementFrom(0));
+    EXPECT_TRUE(counter.TryIncrementFrom(1) && !counter.TryIncrementFrom(1));
+    EXPECT_EQ(2u, counter.WaitDecrement(0));
     EXPECT_EQ(1u, counter.TryDecrement());
-    EXPECT_EQ(0u, counter.TryDecrement());
-    const uint32_t start = kl::platform::Milliseconds();
-    EXPECT_EQ(0u, counter.WaitDecrement(10));
-    const uint32_t waited = kl::platform::Milliseconds() - start;
-    EXPECT_TRUE(waited >= 10 && waited < 2000) << waited; // a loaded machine may oversleep
+    EXPECT_EQ(0u, counter.TryDecrement() + counter.WaitDecrement(10)); // gives up
 }
 
-// Units carry a known pattern behind their first word, so each report line is known here:
-// 25 of the 30 leaks, newest block first and each block in address order.
+// 25 of the 30 leaks are listed, newest block first and each block in address order.
 TEST(LockFree, LeakReportListsTwentyFiveUnitsNeverGivenBack) {
     klSafeAllocT pool(32, 16, 8);
     unsigned char* units[40];
@@ -146,11 +110,6 @@ TEST(LockFree, LeakReportListsTwentyFiveUnitsNeverGivenBack) {
     EXPECT_TRUE(keeltest::HasAll({{header + first, 1}, {") 0x", 25}, {last, 1}, {"z!!!!\n...\n", 1}}).Matches(text))
         << text;
     klFree(report);
-    Pool small(8, 4, 8); // the dump of its last unit would run past the block's end
-    for (int i = 0; i < 4; ++i) std::memset(small.Alloc(), 'A' + i, 8);
-    report = small.LeakReport();
-    EXPECT_NE(nullptr, std::strstr(report, "     3) 0x"));
-    klFree(report);
 }
 
 // Both builds of the reader/writer lock, the out-of-line one and the header-inline one.
@@ -158,43 +117,7 @@ template <class Lock> class ReadWriteLock : public testing::Test {};
 using LockKinds = testing::Types<klReadWriteLock, klInlineReadWriteLock>;
 TYPED_TEST_SUITE(ReadWriteLock, LockKinds);
 
-TYPED_TEST(ReadWriteLock, WriterReadsForFreeUpgradesAndReportsMisuse) {
-    keeltest::CaptureAsserts capture;
-    TypeParam lock;
-    lock.ReadLock();
-    bool elsewhere = true;
-    std::thread([&] { elsewhere = lock.IsReadLockedByMe(); }).join();
-    EXPECT_FALSE(elsewhere); // the count is per thread
-    {
-        klRWGuardT<TypeParam, &TypeParam::WriteLock, &TypeParam::WriteUnlock> write(&lock); // past our readers
-        EXPECT_EQ(kl::platform::CurrentThreadId(), lock.WritingThread());
-        lock.ReadLock();
-        EXPECT_EQ(1u, lock.ReadCount());
-        lock.ReadUnlock();
-        write.Unlock(), write.Unlock();
-        write.Relock(), write.Relock(); // a second take would never be released
-        EXPECT_EQ(1u, lock.WriteDepth());
-    }
-    EXPECT_TRUE(lock.IsReadLockedByMe());
-    lock.ReadUnlock();
-    EXPECT_FALSE(lock.IsReadLockedByMe());
-
-    for (uint32_t depth = 0; depth <= 0xffff; ++depth) lock.WriteLock();
-    EXPECT_EQ(0xffffu, lock.WriteDepth());
-    for (uint32_t depth = 0; depth < 0xffff; ++depth) lock.WriteUnlock();
-    EXPECT_EQ(0u, lock.WritingThread());
-    lock.WriteUnlock();
-    lock.ReadUnlock();
-    EXPECT_EQ((Strings{"!mUnlock", "mWriteSpin > 0 && mWriteSpin < 0xffff",
-                       "mCAS.mWritingThread == (size_t)klThread::GetCurrentThreadId()",
-                       std::is_same_v<TypeParam, klReadWriteLock> ? "readCount > 0"
-                                                                  : "klXchgAdd(&mCAS.mReadCount, (size_t)-1) > 0"}),
-              capture.Exprs());
-}
-
-// Writers change two plain counters together; readers must never see them apart (and
-// ThreadSanitizer no race on them). One reader sometimes upgrades from its read lock.
-// Then a writer that waits for a reader must already keep new readers out.
+// Readers never see the two counters apart; one of them sometimes upgrades to write.
 TYPED_TEST(ReadWriteLock, ConcurrentWritersExcludeReaders) {
     keeltest::Watchdog watchdog;
     TypeParam lock;
@@ -219,18 +142,4 @@ TYPED_TEST(ReadWriteLock, ConcurrentWritersExcludeReaders) {
     });
     EXPECT_EQ(0, torn.load());
     EXPECT_EQ(uint64_t(2 * 5000 + 5000 / 8), first);
-
-    std::atomic<int> stage{0}, readerSaw{-1};
-    lock.ReadLock();
-    std::thread writer([&] {
-        lock.WriteLock(), stage = 1, std::this_thread::sleep_for(20ms), stage = 2, lock.WriteUnlock();
-    });
-    while (lock.WritingThread() == 0) std::this_thread::yield(); // the watchdog bounds the wait
-    std::thread reader([&] { lock.ReadLock(), readerSaw = stage.load(), lock.ReadUnlock(); });
-    std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(-1, readerSaw.load()); // kept out although only a reader holds the lock
-    EXPECT_EQ(0, stage.load());      // and the writer waits for that reader
-    lock.ReadUnlock();
-    writer.join(), reader.join();
-    EXPECT_EQ(2, readerSaw.load());
 }
