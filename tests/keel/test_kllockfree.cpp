@@ -95,8 +95,10 @@ TEST(SpinCounter, TakesOnlyWhilePositiveAndGivesUpAfterTheTimeout) {
 TEST(LockFree, LeakReportListsTwentyFiveUnitsNeverGivenBack) {
     klSafeAllocT pool(32, 16, 8);
     unsigned char* units[40];
-    for (unsigned char*& unit : units)
-        std::memcpy((unit = static_cast<unsigned char*>(pool.Alloc())) + sizeof(void*), "Leak\0\x7F\x1F ~\xFF\x80z!!!!", 16);
+    for (unsigned char*& unit : units) {
+        unit = static_cast<unsigned char*>(pool.Alloc());
+        std::memcpy(unit + sizeof(void*), "Leak\0\x7F\x1F ~\xFF\x80z!!!!", 16);
+    }
     for (int i = 0; i < 40; i += 4) pool.Free(units[i]);
     char* report = pool.LeakReport();
     const std::string text = report;
