@@ -228,6 +228,21 @@ TEST_F(KlFileSystemFiles, CopiesFoldersAndTrees) {
     EXPECT_FALSE(klFileSystem::DeleteTree(Path("t").c_str()));
 }
 
+TEST_F(KlFileSystemFiles, WideFoldersBecomeNarrowPaths) {
+    const std::wstring wide = mDir.wstring() + L"/\u00dcn\u00efc\u00f8de/\u65e5\u672c/";
+    ASSERT_TRUE(klFileSystem::CreateDirectoryTreeW(wide.c_str()));
+    EXPECT_TRUE(klFileSystem::CreateDirectoryTreeW(wide.c_str())); // already there
+    const klString narrow = klFileSystem::ToAsciiPath(wide.c_str(), false);
+    EXPECT_TRUE(fs::is_directory(narrow.Const())) << narrow.Const();
+#ifndef _WIN32
+    EXPECT_EQ(mDir.string() + "/\xc3\x9cn\xc3\xaf" "c\xc3\xb8" "de/\xe6\x97\xa5\xe6\x9c\xac/", narrow.Const());
+#endif
+    EXPECT_FALSE(klFileSystem::ToAsciiPath((mDir.wstring() + L"/new\u00e9/sub").c_str(), true).IsEmpty());
+    keeltest::CaptureLog log;
+    EXPECT_TRUE(klFileSystem::ToAsciiPath((mDir.wstring() + L"/gone\u00e9").c_str(), false).IsEmpty());
+    EXPECT_EQ(0u, log.Lines().at(0).find("Unable to convert path to Ascii: ")) << log.Lines()[0];
+}
+
 TEST(KlFileSystem, MemoryStreams) {
     char buffer[16] = "0123456789", out[11] = {};
     FILE* fp = klFileSystem::OpenMemory(buffer, 10, "+");

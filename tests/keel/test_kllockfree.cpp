@@ -119,6 +119,30 @@ template <class Lock> class ReadWriteLock : public testing::Test {};
 using LockKinds = testing::Types<klReadWriteLock, klInlineReadWriteLock>;
 TYPED_TEST_SUITE(ReadWriteLock, LockKinds);
 
+TYPED_TEST(ReadWriteLock, WriterReadsForFreeAndMisuseIsReported) {
+    keeltest::CaptureAsserts capture;
+    TypeParam lock;
+    lock.ReadLock();
+    {
+        klRWGuardT<TypeParam, &TypeParam::WriteLock, &TypeParam::WriteUnlock> write(&lock); // past our reader
+        lock.ReadLock();
+        EXPECT_EQ(1u, lock.ReadCount());
+        lock.ReadUnlock();
+        write.Unlock(), write.Unlock();
+        write.Relock(), write.Relock(); // a second take would never be released
+    }
+    EXPECT_TRUE(lock.IsReadLockedByMe());
+    lock.ReadUnlock();
+    for (uint32_t depth = 0; depth <= 0xffff; ++depth) lock.WriteLock(); // one past the ceiling
+    for (uint32_t depth = 0; depth <= 0xffff; ++depth) lock.WriteUnlock();
+    lock.ReadUnlock();
+    EXPECT_EQ((Strings{"!mUnlock", "mWriteSpin > 0 && mWriteSpin < 0xffff",
+                       "mCAS.mWritingThread == (size_t)klThread::GetCurrentThreadId()",
+                       std::is_same_v<TypeParam, klReadWriteLock> ? "readCount > 0"
+                                                                  : "klXchgAdd(&mCAS.mReadCount, (size_t)-1) > 0"}),
+              capture.Exprs());
+}
+
 // Readers never see the two counters apart; one of them sometimes upgrades to write.
 TYPED_TEST(ReadWriteLock, ConcurrentWritersExcludeReaders) {
     keeltest::Watchdog watchdog;

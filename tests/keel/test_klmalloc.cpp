@@ -44,21 +44,6 @@ TEST(Malloc, CountersUseTheHeapsUsableSizeAndBalance) {
     EXPECT_EQ(thread, klThreadBytesInUse());
 }
 
-TEST(Malloc, ConcurrentFreeOnAnotherThreadMovesOnlyTheSum) {
-    void* block = nullptr;
-    uint32_t workerDelta = 0;
-    std::thread([&] {
-        const uint32_t before = klThreadBytesInUse();
-        block = klAlloc(1000);
-        workerDelta = klThreadBytesInUse() - before;
-    }).join();
-    const size_t usable = kl::platform::HeapUsableSize(block);
-    EXPECT_EQ(usable, workerDelta);
-    const uint32_t mine = klThreadBytesInUse();
-    klFree(block);
-    EXPECT_EQ(mine - usable, klThreadBytesInUse()); // the freeing thread pays, even below zero
-}
-
 TEST(Malloc, ScratchBlocksSwitchToTheHeapAbove1016Bytes) {
     const uint32_t process = klProcessBytesInUse();
     void* onStack = klMalloca(1016);

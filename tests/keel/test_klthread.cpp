@@ -1,6 +1,5 @@
 #include "keel_test_a.h"
 
-#include "keel/kllog.h"
 #include "keel/klthread.h"
 
 #include <cstdlib>
@@ -20,7 +19,6 @@ namespace {
 
 std::atomic<int> gBegins{0}, gEnds{0}, gRuns{0};
 
-// Loops until asked to stop, recording what it sees.
 struct Worker : klThread {
     explicit Worker(const char* name) : klThread(name) {}
     ~Worker() override { WaitStop(5000); }
