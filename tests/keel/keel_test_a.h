@@ -3,13 +3,7 @@
 
 #include "keel_test.h"
 
-#include "keel/kllifetime.h"
-
-#include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <thread>
-#include <vector>
+#include "keel/kllifetime.h" // the standard headers these helpers use come with keel_test.h
 
 namespace keeltest {
 

@@ -53,34 +53,15 @@ TEST_F(KlBlob, SmallBlobsStayInOnePoolBlockThenMoveToDoublingHeapBuckets) {
         blob.Append(data.data() + 4097, 30000 - 4097); // past the double: exactly what is needed
         EXPECT_EQ(30000u, blob.Capacity());
         EXPECT_EQ(data, Text(blob));
-        EXPECT_EQ(2049u, klBlob(data.data(), 2049).Capacity());
         blob.Resize(10);
         blob.Reserve(40000); // keeps the size
         EXPECT_EQ(data.substr(0, 10), Text(blob));
         blob.Resize(0); // gives the bucket back, so the small reserve below is a pool block
         blob.Reserve(100);
-        EXPECT_EQ(0u, blob.Size());
         EXPECT_EQ(poolBefore + 1, PoolInUse());
     }
     EXPECT_EQ(poolBefore, PoolInUse());
     EXPECT_EQ(bytesBefore, klProcessBytesInUse());
-}
-
-TEST_F(KlBlob, AlignedBlobsNeverUseThePool) {
-    const uint32_t poolBefore = PoolInUse();
-    for (uint32_t alignment : {16u, 4096u}) {
-        klByteBucket bucket(100, alignment); // moved by a whole alignment rather than none
-        EXPECT_TRUE(bucket.GetAlignOffset() >= 1 && bucket.GetAlignOffset() <= alignment);
-        klBlob aligned, pooled("pooled", 6);
-        aligned.SetAlignment(alignment);
-        aligned.Set("x", 1);
-        EXPECT_EQ(poolBefore + 1, PoolInUse());
-        pooled.SetAlignment(alignment);
-        aligned = klBlob("other", 5); // takes the bytes, keeps its own alignment
-        for (const klBlob* blob : {&aligned, &pooled})
-            EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(blob->Const()) % alignment);
-        EXPECT_EQ("pooled other", Text(pooled) + " " + Text(aligned));
-    }
 }
 
 TEST_F(KlBlob, SharedBytesAreCopiedBeforeTheFirstWrite) {
@@ -94,8 +75,8 @@ TEST_F(KlBlob, SharedBytesAreCopiedBeforeTheFirstWrite) {
     a.Resize(2);
     EXPECT_EQ("jello hello! bye he", Text(b) + " " + Text(c) + " " + Text(d) + " " + Text(a));
 
-    klBlob large(Pattern(4000).data(), 4000);
-    large.Resize(3000);
+    klBlob large(Pattern(3000).data(), 3000);
+    large.Reserve(4000);
     klBlob sharer = large;
     sharer.Append("x", 1); // it fits, but the copy of shared bytes is sized exactly
     EXPECT_EQ(3001u, sharer.Capacity());
@@ -104,77 +85,20 @@ TEST_F(KlBlob, SharedBytesAreCopiedBeforeTheFirstWrite) {
     klBlob self("abcdef", 6); // bytes taken from the blob itself survive its reallocation
     self.Set(self.Const() + 1, 5);
     klBlob selfShared = self;
-    self.Append(self.Const(), 5);
     selfShared.Set(selfShared.ConstPtr(2), 3);
-    EXPECT_EQ("bcdefbcdef def", Text(self) + " " + Text(selfShared));
-    klBlob grown(Pattern(3000).data(), 3000);
-    grown.Append(grown.Const(), 3000);
-    EXPECT_EQ(Pattern(3000) + Pattern(3000), Text(grown));
+    EXPECT_EQ("bcdef def", Text(self) + " " + Text(selfShared));
+    sharer.Append(sharer.Const(), 3001);
+    EXPECT_EQ(Pattern(3000) + "x" + Pattern(3000) + "x", Text(sharer));
 }
 
-TEST_F(KlBlob, BrokenContractsAreReported) {
-    keeltest::CaptureAsserts capture;
-    const uint32_t poolBefore = PoolInUse();
-    klBlob blob("abc", 3);
-    EXPECT_EQ(blob.Const() + 3, blob.ConstPtr(3));
-    EXPECT_EQ(nullptr, blob.ConstPtr(4));
-    EXPECT_EQ(nullptr, blob.WritePtr(4));
-    EXPECT_FALSE(klByteBucket::Acquire(0, 0));
-    klByteBucket zero(0, 0), aligned(100, 16), small(100, 0);
-    zero.SetSize(2);
-    EXPECT_EQ(0u, zero.GetSize());
-    // The pool's deleter refuses buckets that are not its blocks and leaves them alone.
-    klBlobBucketPool::PooledByteBucket::Deleter()(&aligned);
-    klBlobBucketPool::PooledByteBucket::Deleter()(&small);
-    EXPECT_EQ(poolBefore + 1, PoolInUse());
-    EXPECT_EQ((Exprs{"offset <= Size()", "offset <= size", "size > 0", "mAllocated > 0", "sz <= mAllocated",
-                     "mAlignOffset == 0", "mAllocated == BUCKET_POOL_MEMORY_SIZE",
-                     "mAllocated == BUCKET_POOL_MEMORY_SIZE"}),
-              capture.Exprs());
-}
-
-TEST_F(KlBlob, ConcurrentCopiesWriteOnlyTheirOwnBytes) {
-    const uint32_t poolBefore = PoolInUse();
-    const std::string expected = Pattern(1000);
-    const klBlob original(expected.data(), 1000);
-    keeltest::RunThreads(8, [&](int t) {
-        for (int i = 0; i < 1000; ++i) {
-            klBlob copy = original, second;
-            second = copy;
-            if (i % 4 == t % 4) *second.WritePtr(999) = uint8_t(t);
-            if (i % 8 == t % 8) copy.Append(&i, sizeof(i));
-        }
-    });
-    EXPECT_EQ(expected, Text(original));
-    EXPECT_EQ(poolBefore + 1, PoolInUse());
-}
-
-TEST(KlBlobDeathTest, BlobsWorkBeforeDuringAndAfterTheLifetimeManager) {
-    auto body = [] {
-        keeltest::CaptureAsserts capture;
-        klBlob before("abc", 3); // no pool yet: heap buckets of exact size
-        klBlob copy = before;
-        copy.Append("def", 3);
-        std::fprintf(stderr, "%s %s %u\n", Text(before).c_str(), Text(copy).c_str(), copy.Capacity());
-        klObjectLifetimeManager::Initialize();
-        std::fprintf(stderr, "held: %u %u\n", klSingleton<BlobHolder>::Instance()->blob.Capacity(), PoolInUse());
-        klObjectLifetimeManager::Shutdown();
-        std::fprintf(stderr, "after: %u, %zu reports\n", klBlob("after", 5).Capacity(), capture.Reports().size());
-        std::exit(0);
-    };
-    EXPECT_EXIT(body(), testing::ExitedWithCode(0),
-                keeltest::HasAll({{"abc abcdef 6\n", 1}, {"held: 2048 1\n", 1}, {"after: 5, 0 reports\n", 1}}));
-}
-
-TEST_F(KlBlob, ConcurrentReleaseOfACopyIsOrderedBeforeTheOwnersWriteInPlace) {
+// A copy released on another thread is ordered before the owner's write in place.
+TEST_F(KlBlob, ConcurrentReleaseOfACopyComesBeforeTheOwnersWriteInPlace) {
     for (int round = 0; round < 50; ++round) {
         klBlob owner("shared bytes", 12);
         const uint8_t* bytes = owner.Const();
         std::atomic<bool> released{false};
         std::thread reader([copy = owner, &released]() mutable {
-            uint32_t sum = 0;
-            for (uint32_t i = 0; i < copy.Size(); ++i) sum += copy.ConstPtr(0)[i];
-            EXPECT_NE(0u, sum);
+            EXPECT_EQ('s', *copy.ConstPtr(0));
             copy.Clear();
             released.store(true, std::memory_order_relaxed); // orders nothing by itself
         });
@@ -186,29 +110,32 @@ TEST_F(KlBlob, ConcurrentReleaseOfACopyIsOrderedBeforeTheOwnersWriteInPlace) {
     }
 }
 
-TEST(KlBlobDeathTest, APooledBlobHeldAtShutdownIsFatalAndNeverReadsFreedMemory) {
-    auto holdAcrossShutdown = [] {
+// Outside the manager's life blobs take exact heap buckets; a pooled one held across
+// Shutdown is fatal.
+TEST(KlBlobDeathTest, BlobsBeforeDuringAndAfterTheLifetimeManager) {
+    static bool sHold;
+    auto body = [] {
+        keeltest::CaptureAsserts capture;
+        klBlob before("abc", 3);
+        klBlob copy = before;
+        copy.Append("def", 3);
+        std::fprintf(stderr, "%s %s %u\n", Text(before).c_str(), Text(copy).c_str(), copy.Capacity());
         klObjectLifetimeManager::Initialize();
-        klBlob held("still here", 10);
+        std::fprintf(stderr, "held: %u %u\n", klSingleton<BlobHolder>::Instance()->blob.Capacity(), PoolInUse());
+        klBlob held(sHold ? "still here" : "", sHold ? 10 : 0);
         klObjectLifetimeManager::Shutdown();
-        std::fprintf(stderr, "%s %u\n", Text(held).c_str(), held.Capacity());
+        std::fprintf(stderr, "%s %u, after: %u, %zu reports\n", Text(held).c_str(), held.Capacity(),
+                     klBlob("after", 5).Capacity(), capture.Reports().size());
         held.Append("!", 1);
         held.Clear();
         std::exit(0);
     };
-    EXPECT_EXIT(holdAcrossShutdown(), testing::ExitedWithCode(klDeathExitCode),
+    EXPECT_EXIT(body(), testing::ExitedWithCode(0),
+                keeltest::HasAll({{"abc abcdef 6\n", 1}, {"held: 2048 1\n", 1}, {" 0, after: 5, 0 reports\n", 1}}));
+    sHold = true;
+    EXPECT_EXIT(body(), testing::ExitedWithCode(klDeathExitCode),
                 keeltest::Has("assertmsg(InUse() == 0, a pooled klBlob is still held at Shutdown) failed at: "
                               "core/keel/klbuffer.cpp:", 1));
-    // A fatal hook that returns: the blob stays usable, its block is leaked, not reused.
-    EXPECT_EXIT(
-        {
-            klAssertHook = [](const char*, const char*, int, const char* message) {
-                std::fprintf(stderr, "hook: %s\n", message);
-            };
-            holdAcrossShutdown();
-        },
-        testing::ExitedWithCode(0),
-        keeltest::HasAll({{"hook: a pooled klBlob is still held at Shutdown\n", 1}, {"still here 2048\n", 1}}));
 }
 
 TEST(KlStreams, TransfersClipAtTheEndAndTheNullStreamOnlyCounts) {
@@ -219,7 +146,6 @@ TEST(KlStreams, TransfersClipAtTheEndAndTheNullStreamOnlyCounts) {
     char out[8] = {};
     EXPECT_EQ(4u, stream.Write(data.data(), 4));
     EXPECT_EQ(6u, stream.Write(data.data() + 4, 10));
-    EXPECT_EQ(0u, stream.Write(data.data(), 1));
     EXPECT_EQ(data.substr(0, 10), std::string(block, block + 10));
     stream.Seek(klSeekEnd, -3);
     EXPECT_EQ(3u, stream.Read(out, 5));
@@ -228,7 +154,6 @@ TEST(KlStreams, TransfersClipAtTheEndAndTheNullStreamOnlyCounts) {
     EXPECT_EQ(2u, stream.Read(out + 3, 2));
     EXPECT_EQ(data.substr(7, 3) + data.substr(5, 2), std::string(out, 5));
     stream.Seek(klSeekStart, 12); // reported but kept; the transfers then move nothing
-    EXPECT_EQ(12u, stream.Tell());
     EXPECT_EQ(0u, stream.Read(out, 1) + stream.Write(out, 1) + klBufferStream(nullptr, 10).Write(out, 1));
     Exprs expected(5, "mIndex <= mSize");
     expected.push_back("data != NULL");
@@ -236,13 +161,9 @@ TEST(KlStreams, TransfersClipAtTheEndAndTheNullStreamOnlyCounts) {
 
     klNullStream null; // counts the running position and stores nothing
     EXPECT_EQ(5u, null.Write("12345", 5));
-    EXPECT_EQ(12u, null.Write("1234567", 7));
     null.Seek(klSeekEnd, -5); // ignored
-    EXPECT_EQ(15u, null.Read(nullptr, 3));
-    null.Seek(klSeekCurrent, -5);
-    EXPECT_EQ(10u, null.Tell());
-    null.Seek(klSeekStart, 0);
-    EXPECT_EQ(0u, null.Tell());
+    null.Seek(klSeekCurrent, -4);
+    EXPECT_EQ(4u, null.Read(nullptr, 3));
 }
 
 TEST(KlStreams, StringStreamWritesInsertAndReadsLeaveThePosition) {
@@ -251,15 +172,14 @@ TEST(KlStreams, StringStreamWritesInsertAndReadsLeaveThePosition) {
     char out[10] = {};
     EXPECT_EQ(2u, stream.Write("XY", 2));
     EXPECT_EQ(2u, stream.Read(out, 10));
-    EXPECT_EQ(3u, stream.Tell());
     EXPECT_EQ("bc", std::string(out));
-    stream.Seek(klSeekEnd, -1);
+    EXPECT_EQ(3u, stream.Tell());
     klString shared = text;
     stream.Reserve(100);
     EXPECT_GE(text.Capacity(), 100u);
     EXPECT_NE(shared.Const(), text.Const());
     keeltest::CaptureAsserts capture;
-    stream.Seek(klSeekCurrent, 5);
+    stream.Seek(klSeekEnd, 4);
     EXPECT_EQ(0u, stream.Read(out, 1));
     EXPECT_EQ(3u, stream.Write("Z", 3)); // past the end: the insert is refused, yet counted
     EXPECT_EQ(12u, stream.Tell());

@@ -6,8 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <atomic>
-#include <thread>
 
 namespace fs = std::filesystem;
 using Strings = std::vector<std::string>;
@@ -26,9 +24,7 @@ std::string Normalized(std::string path) {
     return path.c_str();
 }
 
-bool IsTracked(FILE* fp) {
-    return !klFileSystem::OpenedPath(fp).IsEmpty();
-}
+bool IsTracked(FILE* fp) { return !klFileSystem::OpenedPath(fp).IsEmpty(); }
 
 Strings Names(const std::vector<klString>& list) {
     Strings names(list.begin(), list.end());
@@ -36,13 +32,12 @@ Strings Names(const std::vector<klString>& list) {
     return names;
 }
 
-class KlFileSystemFiles : public keeltest::TempFolderTest {
-protected:
-    std::string Read(const std::string& name) const {
-        std::ifstream in(mDir / name, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
-};
+using KlFileSystemFiles = keeltest::TempFolderTest;
+
+std::string Read(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
 
 } // namespace
 
@@ -61,21 +56,18 @@ TEST(KlFileSystem, OpenFailuresThatPass) {
 TEST(KlFileSystem, JoinedCanonicalAndOpenedPathForms) {
     // Parts, then the join; only one separator is dropped, and a drive or scheme wins.
     const std::string drive = kOnWindows ? "c:\\x" : "a/c:\\x", colon = kOnWindows ? "a:b.cfg" : "db/a:b.cfg";
-    const std::string joins[][3] = {{"a", "b", "a" + kSep + "b"}, {"a/", "b", "a/b"},   {"a", "/b", "a/b"},
-                                    {"a/", "\\b", "a\\b"},        {"a//", "/b", "a//b"}, {"a", "c:\\x", drive},
-                                    {"db/", "a:b.cfg", colon},    {"a", "http://h/x", "http://h/x"},
-                                    {"", "b", "b"},               {"a", "", "a"}};
+    const std::string joins[][3] = {{"a", "b", "a" + kSep + "b"}, {"a/", "\\b", "a\\b"}, {"a//", "/b", "a//b"},
+                                    {"a", "c:\\x", drive},          {"db/", "a:b.cfg", colon},
+                                    {"a", "http://h/x", "http://h/x"}, {"", "b", "b"},      {"a", "", "a"}};
     for (const auto& r : joins)
         EXPECT_EQ(r[2], klFileSystem::CombinePath(r[0].c_str(), r[1].c_str()).Const()) << r[0] << " + " << r[1];
 
-    // A path, its canonical form, then the form Open keeps. One halving pass only; the
-    // drive root, the share prefix and a URL's scheme are kept apart from it.
+    // A path, its canonical form, then the form Open keeps (one halving pass only).
     const char* const forms[][3] = {{"c:\\dir\\\\\\f.txt", "c:/dir//f.txt", "c:\\dir//f.txt"},
                                     {"c://x", "c://x", "c:\\/x"},
                                     {"\\\\srv\\share\\\\f", "//srv/share/f", "\\\\srv/share/f"},
                                     {"\\\\", "//", "/"}, // too short to be a share when opened
                                     {"http://h//a\\\\\\b", "http://h/a//b", "http://h/a//b"},
-                                    {"a////b//c", "a//b/c", "a//b/c"},
                                     {"", "", ""}};
     for (const auto& r : forms) {
         EXPECT_STREQ(r[1], klFileSystem::CanonicalPath(r[0])) << r[0];
@@ -93,12 +85,9 @@ TEST_F(KlFileSystemFiles, OpenKeepsNormalisedPathAndCutsLongOnes) {
     ASSERT_NE(nullptr, fp);
     EXPECT_EQ(Normalized(dir) + "/sub//f.txt", klFileSystem::OpenedPath(fp).Const());
     EXPECT_EQ(0, klFileSystem::Close(fp));
-
-    // 1023 characters name the file (a run of separators stands for one); what follows
-    // them must be ignored, even the very next character.
+    // 1023 characters name the file (a run of separators counts as one); the rest is ignored.
     std::string path = dir + std::string(1023 - dir.size() - 9, '/') + "sub/f.txt";
-    ASSERT_NE(nullptr, fp = klFileSystem::Open((path + "x/more").c_str(), "rb"));
-    EXPECT_EQ(0, klFileSystem::Close(fp));
+    EXPECT_EQ(0, klFileSystem::Close(klFileSystem::Open((path + "x/more").c_str(), "rb")));
     EXPECT_EQ(nullptr, klFileSystem::Open(Path("missing.txt").c_str(), "rb"));
 }
 
@@ -107,11 +96,10 @@ TEST_F(KlFileSystemFiles, LoadZAndLoadText) {
     const std::string binary("\0\x01\r\n\x1a\xff\0z", 8);
     ASSERT_TRUE(klFileSystem::LoadZ(Write("bin.dat", binary).c_str(), blob));
     EXPECT_EQ(binary + '\0', std::string(reinterpret_cast<const char*>(blob.Const()), blob.Size()));
-    blob.Set("prev", 4); // an empty file leaves it as it was; a missing one fails
-    EXPECT_TRUE(klFileSystem::LoadZ(Write("empty.txt", "").c_str(), blob));
+    EXPECT_TRUE(klFileSystem::LoadZ(Write("empty.txt", "").c_str(), blob)); // leaves it as it was
     EXPECT_FALSE(klFileSystem::LoadZ(Path("missing.txt").c_str(), blob));
     EXPECT_FALSE(klFileSystem::LoadZ(Path("bin.dat").c_str(), blob, 7)); // over the cap
-    EXPECT_EQ("prev", std::string(reinterpret_cast<const char*>(blob.Const()), blob.Size()));
+    EXPECT_EQ(9u, blob.Size());
     klString text("old");
 #if !defined(_WIN32)
     { // only regular files are data: neither call may even open a FIFO
@@ -124,14 +112,9 @@ TEST_F(KlFileSystemFiles, LoadZAndLoadText) {
     for (int i = 0; i < 500; ++i) crlf += "one\r\n", lf += "one\n";
     ASSERT_TRUE(klFileSystem::LoadText(Write("t.txt", crlf).c_str(), &text));
     EXPECT_EQ(kOnWindows ? lf : crlf, text.Const()); // Windows: cut to what was read
+    EXPECT_FALSE(klFileSystem::LoadText(Path("missing.txt").c_str(), &text));
     EXPECT_TRUE(klFileSystem::LoadText(Path("empty.txt").c_str(), &text));
     EXPECT_STREQ("", text);
-    text = "kept";
-    EXPECT_FALSE(klFileSystem::LoadText(Path("missing.txt").c_str(), &text));
-    EXPECT_STREQ("kept", text);
-    keeltest::CaptureAsserts asserts;
-    EXPECT_FALSE(klFileSystem::LoadText(Path("t.txt").c_str(), nullptr));
-    EXPECT_EQ((Strings{"output != NULL"}), asserts.Exprs());
 }
 
 TEST_F(KlFileSystemFiles, ListingsAndExistence) {
@@ -150,53 +133,28 @@ TEST_F(KlFileSystemFiles, ListingsAndExistence) {
     EXPECT_EQ((Strings{"b.cfg"}), Names(folders));
     EXPECT_EQ(plain, Names(others));
 
-    // A name is taken literally and a folder counts; Windows names cannot hold '*' or '?',
-    // so there a pattern still finds what it matches.
-    const std::pair<const char*, bool> exists[] = {
-        {"/*.CfG", kOnWindows}, {"/c.txt", true},     {"\\b.cfg", true},     {"", true},
-        {"/*.txt", kOnWindows}, {"/*.xml", false},    {"/missing/x", false}, {"/x[1].ini", true},
-        {"/y[1].ini", false},   {"/C.TXT", kOnWindows}};
+    // A name is taken literally and a folder counts (Windows: a pattern still matches).
+    const std::pair<const char*, bool> exists[] = {{"/*.CfG", kOnWindows}, {"\\b.cfg", true},    {"", true},
+                                                   {"/*.xml", false},      {"/x[1].ini", true}, {"/y[1].ini", false},
+                                                   {"/C.TXT", kOnWindows}};
     for (const auto& [suffix, expected] : exists)
         EXPECT_EQ(expected, klFileSystem::FileExists((dir + suffix).c_str())) << suffix;
     EXPECT_FALSE(klFileSystem::FileExists(""));
 }
 
-TEST_F(KlFileSystemFiles, FileStreamOverTrackedFile) {
-    keeltest::CaptureAsserts asserts;
-    klFileStream closed;
-    char out[8] = {};
-    EXPECT_EQ(0u, closed.Read(out, 1) + closed.Write(out, 1) + closed.Tell());
-    closed.Seek(klSeekStart, 0);
-    EXPECT_EQ((Strings{"IsOpen()", "IsOpen()", "IsOpen()"}), asserts.Exprs());
-    klFileStream file;
-    ASSERT_TRUE(file.Open(Path("s.bin").c_str(), "w+b"));
-    EXPECT_TRUE(IsTracked(file.File()));
-    EXPECT_EQ(10u, file.Write("0123456789", 10));
-    file.Seek(klSeekEnd, -3);
-    EXPECT_EQ(3u, file.Read(out, 5));
-    EXPECT_STREQ("789", out);
-    file.Seek(klSeekStart, 2);
-    file.Seek(klSeekCurrent, 1);
-    file.Seek(7, 0); // no such origin: the C runtime refuses it, and nothing moves
-    EXPECT_EQ(3u, file.Tell());
-}
-
 TEST_F(KlFileSystemFiles, ConcurrentOpenCloseLosesNoSlot) {
     std::atomic<int> failures{0};
+    for (int t = 0; t < 8; ++t) Write("t" + std::to_string(t) + ".txt", "");
     std::vector<std::thread> threads;
-    for (int t = 0; t < 8; ++t) {
-        const std::string path = Write("t" + std::to_string(t) + ".txt", std::to_string(t));
-        threads.emplace_back([path, &failures] {
-            const std::string expected = Normalized(path);
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([this, t, &failures] {
+            const std::string path = Path("t" + std::to_string(t) + ".txt"), expected = Normalized(path);
             for (int i = 0; i < 300; ++i) { // far fewer streams than slots: each tracked by its name
                 FILE* fp = klFileSystem::Open(path.c_str(), "rb");
-                failures += !fp || expected != klFileSystem::OpenedPath(fp).Const();
-                failures += fp && klFileSystem::Close(fp) != 0;
+                failures += !fp || expected != klFileSystem::OpenedPath(fp).Const() || klFileSystem::Close(fp) != 0;
             }
         });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(0, failures.load());
 
     // Every slot came back: 256 streams are tracked again, the 257th is not.
@@ -208,42 +166,31 @@ TEST_F(KlFileSystemFiles, ConcurrentOpenCloseLosesNoSlot) {
     EXPECT_EQ(nullptr, klFileSystem::OpenMemory(memory, 4, "r")); // memory streams need a slot
     EXPECT_EQ(0, klFileSystem::Close(tracked[100]));
     EXPECT_TRUE(IsTracked(tracked[100] = klFileSystem::Open(path.c_str(), "rb"))); // the freed slot
-    for (int round = 0; round < 2; ++round) { // closing an untracked stream frees no slot
-        FILE* extra = klFileSystem::Open(path.c_str(), "rb");
-        EXPECT_FALSE(IsTracked(extra)) << round;
-        EXPECT_EQ(0, klFileSystem::Close(extra)); // fclose's own result
-    }
-    for (FILE* fp : tracked)
-        klFileSystem::Close(fp);
+    FILE* extra = klFileSystem::Open(path.c_str(), "rb");
+    EXPECT_FALSE(IsTracked(extra));
+    EXPECT_EQ(0, klFileSystem::Close(extra)); // fclose's own result, and no slot freed
+    EXPECT_FALSE(IsTracked(extra = klFileSystem::Open(path.c_str(), "rb")));
+    klFileSystem::Close(extra);
+    for (FILE* fp : tracked) klFileSystem::Close(fp);
     EXPECT_EQ(EOF, klFileSystem::Close(nullptr));
 }
 
 TEST_F(KlFileSystemFiles, NumbersAndTemporaryNames) {
-    for (int n = 1; n <= 20; ++n)
-        Write("log" + std::to_string(n) + ".txt", "");
-    for (int n = 1; n <= 3; ++n) // a prefix that reads as a pattern is still a name
-        Write("run[1]" + std::to_string(n) + ".txt", "");
-    EXPECT_EQ(21, klFileSystem::NextFreeNumber(Path("log").c_str(), ".txt"));
-    EXPECT_EQ(1, klFileSystem::NextFreeNumber(Path("log").c_str(), ".dat"));
-    EXPECT_EQ(4, klFileSystem::NextFreeNumber(Path("run[1]").c_str(), ".txt"));
+    for (int n = 1; n <= 20; ++n) // a prefix that reads as a pattern is still a name
+        Write("log[1]" + std::to_string(n) + ".txt", "");
+    EXPECT_EQ(21, klFileSystem::NextFreeNumber(Path("log[1]").c_str(), ".txt"));
+    EXPECT_EQ(1, klFileSystem::NextFreeNumber(Path("log[1]").c_str(), ".dat"));
 
     std::string names[2] = {Path("tmpXXXXXX"), Path("tmpXXXXXX")};
     for (std::string& name : names) {
-        FILE* fp = klFileSystem::MakeTempFile(name.data());
-        ASSERT_NE(nullptr, fp);
-        std::fwrite("abc", 1, 3, fp);
-        std::fclose(fp);
-        EXPECT_EQ(3u, fs::file_size(name.c_str())) << name; // a zero among the six ends the name early
+        std::fclose(klFileSystem::MakeTempFile(name.data()));
+        EXPECT_TRUE(fs::exists(name.c_str())) << name; // a zero among the six ends the name early
     }
     EXPECT_NE(names[0], names[1]);
-    for (std::string bad : {std::string("XXXXX"), Path("fileXXXXXy"), Path("f")}) {
-        const std::string before = bad;
-        EXPECT_EQ(nullptr, klFileSystem::MakeTempFile(bad.data())) << before;
-        EXPECT_EQ(before, bad); // refused before anything is touched
-    }
-    std::string missing = Path("no/such/folderXXXXXX");
-    EXPECT_EQ(nullptr, klFileSystem::MakeTempFile(missing.data()));
-    EXPECT_EQ('\0', missing[0]);
+    std::string bad[] = {"XXXXX", Path("fileXXXXXy"), Path("no/such/folderXXXXXX")};
+    for (std::string& name : bad) EXPECT_EQ(nullptr, klFileSystem::MakeTempFile(name.data())) << name;
+    EXPECT_EQ(Path("fileXXXXXy"), bad[1]); // refused before anything is touched
+    EXPECT_EQ('\0', bad[2][0]);
 }
 
 TEST_F(KlFileSystemFiles, CopiesFoldersAndTrees) {
@@ -256,19 +203,17 @@ TEST_F(KlFileSystemFiles, CopiesFoldersAndTrees) {
     ASSERT_TRUE(klFileSystem::CopyStreamToFile(stream, Path("stream.bin").c_str()));
     klFileSystem::Close(stream);
     for (auto copy : {klFileSystem::CopyFile, klFileSystem::SafeCopy}) {
-        EXPECT_FALSE(copy(Path("missing").c_str(), Path("x").c_str()));
-        EXPECT_FALSE(copy(from.c_str(), Path("nodir/x").c_str()));
+        EXPECT_FALSE(copy(Path("missing").c_str(), Path("x").c_str()) || copy(from.c_str(), Path("nodir/x").c_str()));
         ASSERT_TRUE(copy(from.c_str(), Write("safe.bin", "old and longer than nothing").c_str()));
-        EXPECT_EQ(bytes, Read("safe.bin"));
+        EXPECT_EQ(bytes, Read(Path("safe.bin")));
     }
-    EXPECT_EQ(bytes, Read("stream.bin"));
+    EXPECT_EQ(bytes, Read(Path("stream.bin")));
     std::vector<klString> left;
     klFileSystem::DirectoryContents(mDir.string().c_str(), nullptr, left);
     EXPECT_EQ((Strings{"from.bin", "safe.bin", "stream.bin"}), Names(left)); // no temporaries
 
     klString tree(Path("t").c_str());
     ASSERT_TRUE(klFileSystem::EnsureTrailingSeparator(tree));
-    EXPECT_EQ(Path("t") + kSep, tree.Const());
     ASSERT_TRUE(klFileSystem::CreatePath(Path("t/a\\b/c/").c_str()));
     EXPECT_TRUE(klFileSystem::CreateDirectory(Path("t/a").c_str())); // already there
     EXPECT_FALSE(klFileSystem::CreateDirectory(Path("from.bin/x").c_str()));
@@ -283,31 +228,36 @@ TEST_F(KlFileSystemFiles, CopiesFoldersAndTrees) {
     EXPECT_FALSE(klFileSystem::DeleteTree(Path("t").c_str()));
 }
 
+TEST_F(KlFileSystemFiles, WideFoldersBecomeNarrowPaths) {
+    const std::wstring wide = mDir.wstring() + L"/\u00dcn\u00efc\u00f8de/\u65e5\u672c/";
+    ASSERT_TRUE(klFileSystem::CreateDirectoryTreeW(wide.c_str()));
+    EXPECT_TRUE(klFileSystem::CreateDirectoryTreeW(wide.c_str())); // already there
+    const klString narrow = klFileSystem::ToAsciiPath(wide.c_str(), false);
+    EXPECT_TRUE(fs::is_directory(narrow.Const())) << narrow.Const();
+#ifndef _WIN32
+    EXPECT_EQ(mDir.string() + "/\xc3\x9cn\xc3\xaf" "c\xc3\xb8" "de/\xe6\x97\xa5\xe6\x9c\xac/", narrow.Const());
+#endif
+    EXPECT_FALSE(klFileSystem::ToAsciiPath((mDir.wstring() + L"/new\u00e9/sub").c_str(), true).IsEmpty());
+    keeltest::CaptureLog log;
+    EXPECT_TRUE(klFileSystem::ToAsciiPath((mDir.wstring() + L"/gone\u00e9").c_str(), false).IsEmpty());
+    EXPECT_EQ(0u, log.Lines().at(0).find("Unable to convert path to Ascii: ")) << log.Lines()[0];
+}
+
 TEST(KlFileSystem, MemoryStreams) {
     char buffer[16] = "0123456789", out[11] = {};
-    FILE* fp = klFileSystem::OpenMemory(buffer, 10, "rb");
+    FILE* fp = klFileSystem::OpenMemory(buffer, 10, "+");
     ASSERT_NE(nullptr, fp);
-    EXPECT_EQ(10u, std::fread(out, 1, 10, fp));
-    EXPECT_STREQ("0123456789", out);
-    EXPECT_STREQ("", klFileSystem::OpenedPath(fp));
-    EXPECT_EQ(0, klFileSystem::Close(fp));
-    ASSERT_NE(nullptr, fp = klFileSystem::OpenMemory(buffer, 10, "wb"));
-    std::fwrite("hello", 1, 5, fp);
-    std::fflush(fp);
-    EXPECT_EQ(0, std::memcmp(buffer, "hello", 5));
-    klFileSystem::Close(fp);
-    ASSERT_NE(nullptr, fp = klFileSystem::OpenMemory(buffer, 10, "+"));
     std::fwrite("abc", 1, 3, fp);
     std::fseek(fp, 0, SEEK_SET);
-    EXPECT_EQ(4u, std::fread(out, 1, 4, fp));
-    EXPECT_EQ(0, std::memcmp(out, "abcl", 4));
-    klFileSystem::Close(fp);
+    EXPECT_EQ(10u, std::fread(out, 1, 10, fp));
+    EXPECT_STREQ("abc3456789", out);
+    EXPECT_STREQ("", klFileSystem::OpenedPath(fp));
+    EXPECT_EQ(0, klFileSystem::Close(fp));
     for (const auto& [size, mode] : {std::pair(10, "ab"), std::pair(10, "r+a"), std::pair(0, "r"), std::pair(10, "x")})
         EXPECT_EQ(nullptr, klFileSystem::OpenMemory(buffer, size, mode)) << mode;
 }
 
 TEST(KlFileSystem, LocalFolderAndNetworkCachePaths) {
-    // The default local folder is made in the working folder: a temporary one here.
     const fs::path saved = fs::current_path();
     const fs::path temp = fs::temp_directory_path() / ("klfs-cwd-" + std::to_string(std::random_device()()));
     fs::create_directories(temp);
@@ -320,17 +270,14 @@ TEST(KlFileSystem, LocalFolderAndNetworkCachePaths) {
     EXPECT_TRUE(fs::is_directory(local.Const()));
 
     const std::string cache = std::string(klFileSystem::CanonicalPath(local)) + "cache/network";
-    const char* const forms[][2] = {{"http://h:80/a/b.txt", "/a/b.txt"}, {"http://h", "/%index"},
-                                    {"http://", "/%index"},              {"http://h/d/", "/d/%index"},
-                                    {"http:///x", "/x"},                 {"http://h/a..b/..c/.x", "/a..b/..c/.x"},
-                                    {"http://h/a//b?q=1", "/a//b?q=1"}};
+    const char* const forms[][2] = {{"http://h:80/a/b.txt", "/a/b.txt"}, {"http://", "/%index"},
+                                    {"http://h/d/", "/d/%index"},        {"http://h/a..b/..c/.x", "/a..b/..c/.x"}};
     for (const auto& [url, path] : forms)
         EXPECT_EQ(cache + path, klFileSystem::NetworkCachePath(url).Const()) << url;
     klFileSystem::SetNetworkCacheName("game");
     EXPECT_EQ(cache + kSep + "game/x", klFileSystem::NetworkCachePath("http://h/x").Const());
-    for (const char* url : {"http://h/../x", "http://h/a/..", "http://h/a/%2e%2E/x", "http://h/a%2f..%2Fx",
-                            "http://h/a\\..\\x", "http://h/.../x", "http://h/. ./x", "http://h/c:/x",
-                            "http://h/a%00b", "http://h/..%5cx", "http://h/a%zz"})
+    for (const char* url : {"http://h/a/..", "http://h/a/%2e%2E/x", "http://h/a%2f..%2Fx", "http://h/a\\..\\x",
+                            "http://h/. ./x", "http://h/c:/x", "http://h/a%00b", "http://h/a%zz"})
         EXPECT_STREQ("", klFileSystem::NetworkCachePath(url)) << url;
     klFileSystem::SetNetworkCacheName("../up");
     EXPECT_STREQ("", klFileSystem::NetworkCachePath("http://h/x"));
@@ -338,26 +285,4 @@ TEST(KlFileSystem, LocalFolderAndNetworkCachePaths) {
     EXPECT_EQ(cache + "/x", klFileSystem::NetworkCachePath("http://h/x").Const());
     std::error_code ignored;
     fs::remove_all(temp, ignored);
-}
-
-TEST_F(KlFileSystemFiles, WideFoldersBecomeNarrowPaths) {
-    const std::wstring wide = mDir.wstring() + L"/\u00dcn\u00efc\u00f8de/\u65e5\u672c/";
-    ASSERT_TRUE(klFileSystem::CreateDirectoryTreeW(wide.c_str()));
-    EXPECT_TRUE(klFileSystem::CreateDirectoryTreeW(wide.c_str())); // already there
-    const klString narrow = klFileSystem::ToAsciiPath(wide.c_str(), false);
-    ASSERT_FALSE(narrow.IsEmpty());
-#if defined(_WIN32)
-    EXPECT_TRUE(std::all_of(narrow.Const(), narrow.Const() + narrow.Size(), [](char c) { return c > 0; }));
-#else
-    EXPECT_EQ(mDir.string() + "/\xc3\x9cn\xc3\xaf" "c\xc3\xb8" "de/\xe6\x97\xa5\xe6\x9c\xac/", narrow.Const());
-#endif
-    const klString file = klFileSystem::CombinePath(narrow, "f.txt");
-    klFileSystem::Close(klFileSystem::Open(file, "wb"));
-    EXPECT_TRUE(klFileSystem::FileExists(file));
-    EXPECT_FALSE(klFileSystem::ToAsciiPath((mDir.wstring() + L"/new\u00e9/sub").c_str(), true).IsEmpty());
-    keeltest::CaptureLog log;
-    EXPECT_TRUE(klFileSystem::ToAsciiPath((mDir.wstring() + L"/gone\u00e9").c_str(), false).IsEmpty());
-    ASSERT_EQ(1u, log.Lines().size());
-    EXPECT_EQ(0u, log.Lines()[0].find("Unable to convert path to Ascii: ")) << log.Lines()[0];
-    EXPECT_EQ(std::vector<uint32_t>{klLogError}, log.Levels());
 }

@@ -8,9 +8,7 @@
 
 #include <cstdlib>
 
-#ifdef _WIN32
-#include "keel/win32/klw32sysinfo.h"
-#else
+#ifndef _WIN32
 #include <signal.h>
 #include <unistd.h>
 #endif
@@ -21,22 +19,15 @@ using Strings = std::vector<std::string>;
 
 namespace {
 
-class CommandLine : public testing::Test {
-protected:
-    static void SetUpTestSuite() { klObjectLifetimeManager::Initialize(); }
-    static void TearDownTestSuite() { klObjectLifetimeManager::Shutdown(); }
-    void SetUp() override { klClearCommandLine(); }
-    void TearDown() override { klClearCommandLine(); }
-    // The list as "name=value" entries, one space apart.
-    static std::string Dump() {
-        std::string text;
-        for (const klCommandOption& option : klCommandLineOptions())
-            text += (text.empty() ? "" : " ") + std::string(option.name) + "=" + option.value.Const();
-        return text;
-    }
-};
+std::string Dump() {
+    std::string text;
+    for (const klCommandOption& option : klCommandLineOptions())
+        text += (text.empty() ? "" : " ") + std::string(option.name) + "=" + option.value.Const();
+    return text;
+}
 
-TEST_F(CommandLine, SplitsTokensAttachesValuesAndLimitsTheLength) {
+TEST(CommandLine, SplitsTokensAttachesValuesAndLimitsTheLength) {
+    klObjectLifetimeManager::Initialize();
     klParseCommandLine("--config,my.ini\t--dir=C:/a=b,, plain --a --b x --oconfig=1,--oconfig 2 --oconfig -- tail");
     EXPECT_EQ("config=my.ini dir=C:/a=b =plain a= b=x oconfig=1 oconfig=2 oconfig= =tail", Dump());
     std::vector<klString> values(1, "kept");
@@ -47,15 +38,12 @@ TEST_F(CommandLine, SplitsTokensAttachesValuesAndLimitsTheLength) {
 
     keeltest::CaptureAsserts capture; // filled once
     klParseCommandLine("--late");
-    EXPECT_EQ(nullptr, klFindOption("late"));
-
     klClearCommandLine();
     char prog[] = "prog", opt[] = "--x", words[] = "y z";
     char* argv[] = {prog, opt, words};
     klParseCommandLine(3, argv);
     EXPECT_EQ("x=y =z", Dump());
 
-    // The text must be shorter than 2048 bytes.
     klClearCommandLine();
     const std::string fits = "--k=" + std::string(2043, 'v');
     klParseCommandLine(fits.c_str());
@@ -65,6 +53,7 @@ TEST_F(CommandLine, SplitsTokensAttachesValuesAndLimitsTheLength) {
     klParseCommandLine(static_cast<const char*>(nullptr));
     EXPECT_EQ((Strings{"g_args().size() == 0", "strlen(cmdline) < klARRSIZE(buffer)"}), capture.Exprs());
     EXPECT_TRUE(klCommandLineOptions().empty());
+    klObjectLifetimeManager::Shutdown();
 }
 
 class OperatingSystem : public keeltest::TempFolderTest {};
@@ -76,8 +65,7 @@ TEST_F(OperatingSystem, LinuxFromAFakeRoot) {
     const char* const rows[][3] = { // file, text, the name it gives
         {"usr/lib/os-release", "NAME=Lib\nPRETTY_NAME=Lib OS 1\n", "Lib OS 1"},
         {"etc/os-release", "NAME=\"Debian\"\nPRETTY_NAME=\"\"\n", "Lib OS 1"}, // names nothing: the next file
-        {"etc/os-release", "ID=debian\r\nPRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\r\n",
-         "Debian GNU/Linux 12 (bookworm)"},
+        {"etc/os-release", "ID=debian\r\nPRETTY_NAME=\"Debian GNU/Linux 12\"\r\n", "Debian GNU/Linux 12"},
         {"etc/os-release", "PRETTY_NAME='Single \"Quoted\"'", "Single \"Quoted\""},
         {"etc/os-release", "XPRETTY_NAME=no\nPRETTY_NAME=\"half", "\"half"}};
     for (const auto& [file, text, name] : rows) {
@@ -85,14 +73,13 @@ TEST_F(OperatingSystem, LinuxFromAFakeRoot) {
         EXPECT_EQ(std::string(name) + " (Linux 6.1.0-9), 32-bit", describe(false));
     }
 
-    const klString& real = klOperatingSystemDescription();
-    EXPECT_EQ(&real, &klOperatingSystemDescription()); // built once
+    const std::string real = klOperatingSystemDescription().Const();
 #ifdef _WIN32
-    EXPECT_EQ(0, std::string(real).rfind("Microsoft ", 0)) << real.Const();
+    EXPECT_EQ(0, real.rfind("Microsoft ", 0)) << real;
 #else
     EXPECT_TRUE(HasAll({{sizeof(void*) == 8 ? "), 64-bit" : "), 32-bit", -1}, {" (Linux ", -1}, {"(Linux )", 0}})
-                    .Matches(real.Const()))
-        << real.Const(); // the running kernel's release
+                    .Matches(real))
+        << real; // the running kernel's release
 #endif
 }
 
@@ -105,204 +92,60 @@ TEST_F(OperatingSystem, WindowsVersionsAndEditions) {
     const uint32_t ws = 1, server = 3, x64 = 9, ia64 = 6;
     const std::pair<klWindowsVersion, const char*> rows[] = {
         {Nt(6, 0, ws, 0, x64, 1), "Windows Vista Ultimate Edition build 1234, 64-bit"},
-        {Nt(6, 0, server, 0, 0, 8), "Windows Server 2008 Datacenter Edition build 1234, 32-bit"},
         {Nt(6, 1, 2, 0, x64, 7), "Windows Server 2008 R2 Standard Edition build 1234, 64-bit"},
-        {Nt(6, 2, ws, 0, 0, 3), "Windows 8 Home Premium Edition build 1234, 32-bit"},
-        {Nt(6, 2, server, 0, x64, 12), "Windows Server 8 Datacenter Edition Core build 1234, 64-bit"},
-        {Nt(6, 3, ws, 0, x64, 99), "Windows ?  build 1234, 64-bit"},
         {Nt(10, 0, ws, 0, ia64, 48), "Windows ? Professional build 1234, 32-bit"},
         {Nt(5, 2, server, 0x80, 0, 0, true), "Windows Server 2003 R2, Datacenter Edition build 1234"},
-        {Nt(5, 2, server, 0x2000), "Windows Storage Server 2003, Standard Edition build 1234"},
         {Nt(5, 2, server, 0x8000 | 0x400), "Windows Home Server, Web Edition build 1234"},
         {Nt(5, 2, ws, 0, x64), "Windows XP Professional x64 Edition,  build 1234"},
         {Nt(5, 2, server, 0x80, ia64), "Windows Server 2003, Datacenter Edition for Itanium-based Systems build 1234"},
-        {Nt(5, 2, server, 0, ia64), "Windows Server 2003,  build 1234"},
-        {Nt(5, 2, server, 0x80, x64), "Windows Server 2003, Datacenter x64 Edition build 1234"},
         {Nt(5, 2, server, 0x4000, x64), "Windows Server 2003, Standard x64 Edition build 1234"},
-        {Nt(5, 2, server, 0x4000 | 0x80), "Windows Server 2003, Compute Cluster Edition build 1234"},
-        {Nt(5, 2, 2, 0), "Windows Server 2003, Standard Edition build 1234"},
+        {Nt(5, 2, server, 0x2), "Windows Server 2003, Enterprise Edition build 1234"},
         {Nt(5, 1, ws, 0x200), "Windows XP Home Edition build 1234"},
-        {Nt(5, 1, ws, 0x2), "Windows XP Professional build 1234"},
         {Nt(5, 0, ws, 0x80), "Windows 2000 Professional build 1234"},
-        {Nt(5, 0, server, 0x80 | 0x2), "Windows 2000 Datacenter Server build 1234"},
-        {Nt(5, 0, server, 0x2), "Windows 2000 Advanced Server build 1234"},
         {Nt(5, 0, 2), "Windows 2000 Server build 1234"},
         {Nt(5, 3, ws), "Windows (unknown version) build 1234"},
-        {{1, 4, 10, 1234, 0, 0, 0, 0, false}, "Windows (unknown version) build 1234"},
     };
     for (const auto& [version, expected] : rows)
         EXPECT_EQ(std::string("Microsoft ") + expected, std::string(klDescribeWindows(version)));
-
-    const char* editions[] = {"", "Ultimate Edition", "Home Basic Edition", "Home Premium Edition",
-        "Enterprise Edition", "", "Business Edition", "Standard Edition", "Datacenter Edition",
-        "Small Business Server", "Enterprise Edition", "Starter Edition", "Datacenter Edition Core",
-        "Standard Edition Core", "Enterprise Edition Core", "Enterprise Edition for Itanium-based Systems", "",
-        "Web Server Edition", "Cluster Server Edition", "", "", "", "", "", "", "Small Business Server Premium Edition"};
-    for (uint32_t product = 0; product < 50; ++product) {
-        const char* edition = product < std::size(editions) ? editions[product] : product == 48 ? "Professional" : "";
-        EXPECT_EQ(std::string("Microsoft Windows 7 ") + edition + " build 1234, 32-bit",
-                  std::string(klDescribeWindows(Nt(6, 1, ws, 0, 0, product))));
-    }
 }
 
-// The option list and the proxy settings exist from Initialize to Shutdown.
-TEST(SystemSingletonsDeathTest, LiveFromInitializeToShutdown) {
-    EXPECT_EXIT(
-        {
-            keeltest::CaptureAsserts capture;
-#ifndef _WIN32
-            setenv("http_proxy", "", 1); // empty: the upper-case name answers
-            setenv("HTTP_PROXY", "proxy.example:3128", 1);
-            setenv("no_proxy", "localhost,.lan", 1);
-#endif
-            klParseCommandLine("--early"); // refused: no list yet
-            klObjectLifetimeManager::Initialize();
-            klParseCommandLine("--late 1");
-            const ProxyInfo* proxy = klSingleton<ProxyInfo>::Instance();
-            std::fprintf(stderr, "early %d late %s proxy [%s] bypass [%s]\n", klFindOption("early") != nullptr,
-                         klFindOption("late")->value.Const(), proxy->server.Const(), proxy->bypass.Const());
-            klObjectLifetimeManager::Shutdown();
-            klParseCommandLine("--gone");
-            std::fprintf(stderr, "after: %zu options, reports:", klCommandLineOptions().size());
-            for (const std::string& expr : capture.Exprs()) std::fprintf(stderr, " %s;", expr.c_str());
-            std::exit(0);
-        },
-        testing::ExitedWithCode(0),
-        HasAll({{"early 0 late 1 proxy [", 1},
-#ifndef _WIN32
-                {"proxy [proxy.example:3128] bypass [localhost,.lan]\n", 1},
-#endif
-                {"after: 0 options, reports: sInstance.mPointer != 0; sInstance.mPointer != 0;", 1}}));
-}
-
-// Initialize alone leaves the handlers to the host; the start-up installs them.
+// Initialize alone leaves the handlers to the host; the start-up installs them. The exit
+// report shuts down and turns a recorded error condition into code 5.
 TEST(SystemStartupDeathTest, InstallsTheCrashAndKillSignalHandlers) {
     auto start = [](bool whole) {
         whole ? klSystemStartup() : klObjectLifetimeManager::Initialize();
         std::fprintf(stderr, "handlers %d, args %d\n", int(klCrashHandlersInstalled()),
                      int(klSingleton<GlobalArgs>::IsLive()));
     };
-    EXPECT_EXIT((start(false), std::exit(0)), testing::ExitedWithCode(0), Has("handlers 0, args 1\n", 1));
+    EXPECT_EXIT((start(false), std::exit(klExitReport())), testing::ExitedWithCode(0), Has("handlers 0, args 1\n", 1));
     EXPECT_EXIT((start(true), std::abort()), testing::ExitedWithCode(123),
                 HasAll({{"handlers 1, args 1\n", 1}, {"SIGABRT - signo", 1}}));
+    EXPECT_EXIT((start(false), klObjectLifetimeManager::RecordErrorCondition(), std::exit(klExitReport())),
+                testing::ExitedWithCode(5), Has("Application exited with error condition (code 5)\n", 1));
+}
+
 #ifndef _WIN32
-    auto killed = [&] {
-        dup2(2, 1);
-        klSetKillSignalGraceMs(10);
-        start(true);
-        raise(SIGTERM);
-        klSleep(10000);
-        std::exit(1);
-    };
-    EXPECT_EXIT(killed(), testing::KilledBySignal(SIGTERM), Has("Caught kill signal. Shutting down...\n", 1));
-#endif
-}
 
-int gShutdownCalls = 0;
-void CountShutdown() {
-    std::fprintf(stderr, "shutdown requested, flag %d\n", int(klShutdownRequested()));
-    ++gShutdownCalls;
-}
+void NoteShutdown() { std::fprintf(stderr, "shutdown requested, flag %d\n", int(klShutdownRequested())); }
 
-TEST(ExitReportDeathTest, ShutsDownAndReportsTheErrorCondition) {
-    auto body = [](bool error) {
-        klObjectLifetimeManager::Initialize();
-        if (error) klObjectLifetimeManager::RecordErrorCondition();
-        int code = klExitReport();
-        std::fprintf(stderr, "initialized %d\n", int(klObjectLifetimeManager::IsInitialized()));
-        std::exit(code);
-    };
-    EXPECT_EXIT(body(false), testing::ExitedWithCode(0), HasAll({{"initialized 0\n", 1}, {"Application exited", 0}}));
-    EXPECT_EXIT(body(true), testing::ExitedWithCode(5),
-                HasAll({{"Application exited with error condition (code 5)\ninitialized 0\n", 1}}));
-    // Without Initialize there is nothing to shut down, and no assertion about it.
-    EXPECT_EXIT(std::exit(klExitReport()), testing::ExitedWithCode(0), Has("assert", 0));
-}
-
-#ifdef _WIN32
-
-OSVERSIONINFOEXA gFakeVersion;
-DWORD gProductAsked = 0;
-BOOL WINAPI FakeVersion(LPOSVERSIONINFOA out) {
-    if (out->dwOSVersionInfoSize != sizeof(OSVERSIONINFOEXA)) return FALSE;
-    *reinterpret_cast<OSVERSIONINFOEXA*>(out) = gFakeVersion;
-    return gFakeVersion.dwMajorVersion != 0;
-}
-void WINAPI FakeNative(LPSYSTEM_INFO info) { info->wProcessorArchitecture = PROCESSOR_ARCHITECTURE_AMD64; }
-void WINAPI FakeSystem(LPSYSTEM_INFO info) { info->wProcessorArchitecture = PROCESSOR_ARCHITECTURE_INTEL; }
-BOOL WINAPI FakeProduct(DWORD major, DWORD minor, DWORD, DWORD, PDWORD type) {
-    gProductAsked = major * 10 + minor;
-    *type = 48;
-    return TRUE;
-}
-int WINAPI FakeMetrics(int index) { return index == SM_SERVERR2 ? 1 : 0; }
-
-TEST(OperatingSystemW32, ReadsTheVersionCallsThroughTheTable) {
-    klW32SysInfoCalls saved = klW32SystemCalls();
-    klW32SystemCalls() = {FakeVersion, FakeNative, FakeSystem, FakeProduct, FakeMetrics};
-    gFakeVersion = {sizeof(OSVERSIONINFOEXA), 6, 1, 7601, VER_PLATFORM_WIN32_NT, {}, 0, 0, 0, VER_NT_WORKSTATION, 0};
-    EXPECT_STREQ("Microsoft Windows 7 Professional build 7601, 64-bit", kl::detail::QueryOperatingSystemDescription());
-    EXPECT_EQ(61u, gProductAsked);
-    klW32SystemCalls().getNativeSystemInfo = nullptr; // a system without it
-    EXPECT_STREQ("Microsoft Windows 7 Professional build 7601, 32-bit", kl::detail::QueryOperatingSystemDescription());
-
-    gProductAsked = 0;
-    gFakeVersion.dwMinorVersion = 2;
-    gFakeVersion.dwMajorVersion = 5;
-    gFakeVersion.wProductType = VER_NT_SERVER;
-    EXPECT_STREQ("Microsoft Windows Server 2003 R2, Standard Edition build 7601", kl::detail::QueryOperatingSystemDescription());
-    EXPECT_EQ(0u, gProductAsked); // editions of version 5 come from the suite flags
-    gFakeVersion.dwMajorVersion = 0;
-    EXPECT_STREQ("Microsoft Windows (unknown version)", kl::detail::QueryOperatingSystemDescription());
-    klW32SystemCalls() = saved;
-    EXPECT_EQ(0, std::string(kl::detail::QueryOperatingSystemDescription()).rfind("Microsoft ", 0));
-}
-
-TEST(KillSignalW32, LogsAsksAndWaitsForTheFiveEvents) {
-    klLogger& console = klConsoleLogger();
-    int32_t level = console.Level();
-    console.SetLevel(klLogError, true);
-    klSetKillSignalGraceMs(10);
-    klSetShutdownRequestHandler(CountShutdown);
-    klInstallKillSignalHandler();
-    klInstallKillSignalHandler();
-    for (DWORD event : {0ul, 1ul, 2ul, 3ul, 4ul, 5ul, 6ul, 7ul}) {
-        gShutdownCalls = 0;
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(TRUE, klW32KillSignalHandler(event));
-        std::string out = testing::internal::GetCapturedStdout();
-        bool known = event <= 2 || event == 5 || event == 6;
-        EXPECT_EQ(known ? 1 : 0, gShutdownCalls) << event;
-        EXPECT_TRUE(HasAll({{"Caught kill signal. Shutting down...\n", known}, {"NONE ", known}}).Matches(out)) << out;
-    }
-    EXPECT_TRUE(klShutdownRequested());
-    klSetShutdownRequestHandler(nullptr);
-    console.SetLevel(level, true);
-}
-
-#else
-
-// Installs the handler in a quiet process and signals itself; the log line goes to
-// stderr with stdout so the death test sees it. Ends by the signal, or with code 1
-// when nothing killed it within ten seconds.
-[[noreturn]] void KillMyself(int signo) {
+// Installs the handler (twice) in a quiet process, sends stdout to stderr and signals itself.
+[[noreturn]] void KillMyself(int signo, bool startup) {
     dup2(2, 1);
     klConsoleLogger().SetLevel(klLogError, true);
     klSetKillSignalGraceMs(300);
-    klSetShutdownRequestHandler(CountShutdown);
-    klInstallKillSignalHandler();
+    klSetShutdownRequestHandler(NoteShutdown);
+    startup ? klSystemStartup() : klInstallKillSignalHandler();
     klInstallKillSignalHandler();
     raise(signo);
     for (int i = 0; i < 1000 && !klShutdownRequested(); ++i) klSleep(10);
     std::fprintf(stderr, "main runs on during the grace\n");
     klSleep(10000);
-    std::fprintf(stderr, "still alive\n");
     std::exit(1);
 }
 
 TEST(KillSignalDeathTest, ConcurrentWatcherLogsAsksWaitsAndEndsByTheSignal) {
     for (int signo : {SIGINT, SIGTERM, SIGHUP}) {
-        EXPECT_EXIT(KillMyself(signo), testing::KilledBySignal(signo),
+        EXPECT_EXIT(KillMyself(signo, signo == SIGTERM), testing::KilledBySignal(signo),
                     HasAll({{"NONE ", 1}, {" CONSOLE (", 1}, {"Caught kill signal. Shutting down...\n", 1},
                             {"shutdown requested, flag 1\n", 1}, {"main runs on during the grace\n", 1}}))
             << signo;
