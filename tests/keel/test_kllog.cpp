@@ -132,6 +132,44 @@ TEST_F(LogFileTest, FileSinkWritesExactLinesAndFlushes) {
 #endif
 }
 
+static void FileLine(const char* tag, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    klFileLogSink(klLogInfo, tag, format, &args);
+    va_end(args);
+}
+
+// The prefix is written by hand for ordinary dates and by printf for odd ones; both must
+// match printf's format. A '%' in the prefix is expanded in the second pass, and a message
+// too long for one pass is cut with the line's format.
+TEST_F(LogFileTest, FileSinkLinesMatchTheFormatForEveryDate) {
+    klFileSystem::SetLogDir(mDir.string().c_str());
+    static std::tm sDate;
+    klLogClock = [](std::tm* out) { *out = sDate; };
+    const int dates[][6] = {{126, 0, 2, 3, 4, 5}, {9000, 11, 31, 23, 59, 60}, {-1901, -2, -3, 100, -1, 0}, {0, 8, 9, 0, 0, 7}};
+    std::string expected;
+    for (const auto& d : dates) {
+        sDate = std::tm{};
+        sDate.tm_year = d[0], sDate.tm_mon = d[1], sDate.tm_mday = d[2], sDate.tm_hour = d[3], sDate.tm_min = d[4];
+        sDate.tm_sec = d[5];
+        FileLine("  DATE ", "n=%d", d[0]);
+        char line[160];
+        std::snprintf(line, sizeof(line), "INFO  %04d-%02d-%02d %02d:%02d:%02d   DATE  (%05u) n=%d\n", d[0] + 1900, d[1] + 1,
+                      d[2], d[3], d[4], d[5], kl::platform::CurrentThreadId(), d[0]);
+        expected += line;
+    }
+    FileLine("100%%ok", "n=%d", 7);
+    FileLine("  DATE ", std::string(klLogLineMax, 'x').c_str(), 0);
+    klCloseLogFile();
+    klLogClock = kl::detail::LocalTimeNow;
+    const std::string text = ReadAll(mDir / "console.log");
+    ASSERT_EQ(0u, text.find(expected)) << text;
+    const std::string rest = text.substr(expected.size());
+    EXPECT_EQ(0u, rest.find("INFO  1900-09-09 00:00:07 100%ok " + Tid() + " n=7\nINFO ")) << rest;
+    // The expanded format is cut at klLogLineMax - 1 bytes, its line feed among the lost.
+    EXPECT_EQ(klLogLineMax - 1, rest.size() - rest.rfind("INFO "));
+}
+
 #ifndef _WIN32
 // Colours go to a terminal only, each line's switched back off; a file gets plain text.
 TEST(LogTest, ColoursOnlyOnATerminal) {
