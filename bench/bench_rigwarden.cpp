@@ -36,8 +36,9 @@ const FakeMachine& Machine() {
         auto* m = new FakeMachine("bench");
         m->AddPci("0000:00:02.0", 0x030000, 0x8086, 0xa780, true);
         m->AddPci("0000:01:00.0", 0x030000, 0x10de, 0x2684);
-        m->SetCpu("model name\t: CPU @ 3.60GHz\n", "0-15\n");
-        m->SetMemoryKB(32 << 20);
+        m->Write("proc/cpuinfo", "model name\t: CPU @ 3.60GHz\n");
+        m->Write("sys/devices/system/cpu/online", "0-15\n");
+        m->Write("proc/meminfo", "MemTotal:       33554432 kB\nMemFree:  1 kB\n");
         for (int file = 0; file < 4; ++file) m->Write("db/part" + std::to_string(file) + ".cfg", DatabaseText(file));
         FILE* real = std::fopen("/usr/share/misc/pci.ids", "rb");
         if (real) {
