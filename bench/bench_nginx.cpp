@@ -17,22 +17,26 @@ namespace fs = std::filesystem;
 
 namespace {
 
-int Connects(int port) {
-    const int s = socket(AF_INET, SOCK_STREAM, 0);
+sockaddr_in Loopback(int port) {
     sockaddr_in at{};
     at.sin_family = AF_INET;
     at.sin_port = htons(uint16_t(port));
     at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return at;
+}
+
+bool Connects(int port) {
+    const int s = socket(AF_INET, SOCK_STREAM, 0);
+    const sockaddr_in at = Loopback(port);
     const bool ok = connect(s, reinterpret_cast<const sockaddr*>(&at), sizeof(at)) == 0;
     close(s);
     return ok;
 }
 
+// A port the kernel hands out for port 0, let go again for nginx to take.
 int FreePort() {
     const int s = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in at{};
-    at.sin_family = AF_INET;
-    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in at = Loopback(0);
     socklen_t len = sizeof(at);
     const bool ok = bind(s, reinterpret_cast<sockaddr*>(&at), sizeof(at)) == 0 &&
                     getsockname(s, reinterpret_cast<sockaddr*>(&at), &len) == 0;
@@ -43,14 +47,12 @@ int FreePort() {
 } // namespace
 
 bool BenchNginx::Start() {
-    std::string nginx;
-    for (const char* path : {"/usr/sbin/nginx", "/usr/local/sbin/nginx", "/usr/bin/nginx"})
-        if (nginx.empty() && fs::exists(path)) nginx = path;
+    const std::string nginx = KEEL_NGINX; // found by the build
     dir = "/tmp/keel-bench-nginx-" + std::to_string(getpid());
     std::error_code failed;
     fs::create_directories(dir + "/www", failed);
     port = FreePort();
-    if (nginx.empty() || failed || port == 0) return false;
+    if (failed || port == 0) return false;
     std::ofstream(dir + "/nginx.conf")
         << "daemon off;\nmaster_process off;\nworker_processes 1;\npid " << dir << "/nginx.pid;\nerror_log " << dir
         << "/error.log;\nevents { worker_connections 512; }\nhttp {\n  access_log off;\n  client_body_temp_path " << dir

@@ -15,7 +15,7 @@ struct BenchNginx {
     BenchNginx& operator=(const BenchNginx&) = delete;
     ~BenchNginx();
 
-    bool Start(); // false when nginx is missing or does not listen within 10 s
+    bool Start(); // false when nginx does not listen within 10 s
     bool Put(const std::string& path, const std::string& bytes) const; // below www/
     std::string Url(const char* path) const { return "http://127.0.0.1:" + std::to_string(port) + path; }
 };

@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <random>
 #include <string>
 #include <thread>
@@ -28,6 +29,12 @@
 #endif
 
 namespace keeltest {
+
+// The file's bytes, unchanged ("" when it cannot be read).
+inline std::string ReadFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
 
 // Time bounds are set for native code; the emulated 32-bit build (qemu) is several times slower.
 #ifdef KEEL_TEST_UNDER_EMULATOR

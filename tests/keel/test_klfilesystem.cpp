@@ -34,11 +34,6 @@ Strings Names(const std::vector<klString>& list) {
 
 using KlFileSystemFiles = keeltest::TempFolderTest;
 
-std::string Read(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 } // namespace
 
 #ifndef _WIN32
@@ -205,9 +200,9 @@ TEST_F(KlFileSystemFiles, CopiesFoldersAndTrees) {
     for (auto copy : {klFileSystem::CopyFile, klFileSystem::SafeCopy}) {
         EXPECT_FALSE(copy(Path("missing").c_str(), Path("x").c_str()) || copy(from.c_str(), Path("nodir/x").c_str()));
         ASSERT_TRUE(copy(from.c_str(), Write("safe.bin", "old and longer than nothing").c_str()));
-        EXPECT_EQ(bytes, Read(Path("safe.bin")));
+        EXPECT_EQ(bytes, keeltest::ReadFile(Path("safe.bin")));
     }
-    EXPECT_EQ(bytes, Read(Path("stream.bin")));
+    EXPECT_EQ(bytes, keeltest::ReadFile(Path("stream.bin")));
     std::vector<klString> left;
     klFileSystem::DirectoryContents(mDir.string().c_str(), nullptr, left);
     EXPECT_EQ((Strings{"from.bin", "safe.bin", "stream.bin"}), Names(left)); // no temporaries

@@ -32,12 +32,6 @@ struct KeelRunning : testing::Environment {
 };
 testing::Environment* const g_keel = testing::AddGlobalTestEnvironment(new KeelRunning);
 
-std::string ReadWholeFile(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
 bool TestServer::Put(const std::string& path, const std::string& bytes) const {
     std::error_code ignored;
     fs::create_directories(fs::path(Served(path)).parent_path(), ignored);
@@ -62,7 +56,7 @@ bool TestServer::Start() {
 #endif
     for (int i = 0; i < 1000 && port <= 0; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        std::istringstream(ReadWholeFile(dir + "/port")) >> port;
+        std::istringstream(keeltest::ReadFile(dir + "/port")) >> port;
     }
     return port > 0;
 }

@@ -2,14 +2,13 @@
 // a fresh folder below the build folder; the destructor removes the folder, which ends it.
 #pragma once
 
+#include "../keel/keel_test.h"
 #include "keel/klnetworkbuf.h"
 
 #include <cstdint>
 #include <string>
 
 namespace keelnet {
-
-std::string ReadWholeFile(const std::string& path); // "" when it cannot be read
 
 struct TestServer {
     int port = 0;
@@ -18,7 +17,7 @@ struct TestServer {
 
     bool Start(); // false when python3 is missing or the server is not up within 10 s
     std::string Url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(port) + path; }
-    std::string Log() const { return ReadWholeFile(dir + "/requests.log"); } // the raw request heads
+    std::string Log() const { return keeltest::ReadFile(dir + "/requests.log"); } // the raw request heads
     std::string Served(const std::string& path) const { return dir + "/www" + path; }
     bool Put(const std::string& path, const std::string& bytes) const; // under www/, folders created
 };

@@ -149,7 +149,7 @@ TEST_F(klHTTPClientServed, FollowsOnly301ToTheLimitAndServesFilesOnOneConnection
     upload.Seek(klSeekStart, 123); // measured from its end, sent from its start
     ASSERT_TRUE(client.SetURL(server.Url("/up/file.bin").c_str()));
     EXPECT_EQ(client.Request("PUT", &upload, &out), 201);
-    EXPECT_EQ(keelnet::ReadWholeFile(server.Served("/up/file.bin")), bytes);
+    EXPECT_EQ(keeltest::ReadFile(server.Served("/up/file.bin")), bytes);
     EXPECT_EQ(Count(server.Log(), "CONNECT\n"), 1u);
 }
 

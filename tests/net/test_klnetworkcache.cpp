@@ -54,7 +54,7 @@ TEST_F(KlNetworkCache, ReadsThroughTheCacheRefetchesChangesAndUploads) {
     const std::string versions[] = {Pattern(100000, 1), Pattern(100001, 2), Pattern(100001, 3)};
     ASSERT_TRUE(server.Put("/dir/file.bin", versions[0]));
     EXPECT_EQ(versions[0], Read("/dir/file.bin"));
-    EXPECT_EQ(versions[0], keelnet::ReadWholeFile(CachePath("/dir/file.bin")));
+    EXPECT_EQ(versions[0], keeltest::ReadFile(CachePath("/dir/file.bin")));
     EXPECT_EQ(versions[0], Read("/dir/file.bin")); // unchanged: asked about, not fetched again
     EXPECT_EQ(2u, Count(server.Log(), "HEAD /dir/file.bin"));
     EXPECT_EQ(1u, Count(server.Log(), "GET /dir/file.bin"));
@@ -77,9 +77,9 @@ TEST_F(KlNetworkCache, ReadsThroughTheCacheRefetchesChangesAndUploads) {
     // Written and appended files are uploaded.
     const std::string bytes = Pattern(70000, 4);
     ASSERT_TRUE(Write("/up/new.bin", "wb", bytes));
-    EXPECT_EQ(bytes, keelnet::ReadWholeFile(server.Served("/up/new.bin")));
+    EXPECT_EQ(bytes, keeltest::ReadFile(server.Served("/up/new.bin")));
     ASSERT_TRUE(Write("/up/new.bin", "ab", "tail"));
-    EXPECT_EQ(bytes + "tail", keelnet::ReadWholeFile(server.Served("/up/new.bin")));
+    EXPECT_EQ(bytes + "tail", keeltest::ReadFile(server.Served("/up/new.bin")));
     EXPECT_EQ(2u, Count(server.Log(), "PUT /up/new.bin"));
 }
 
@@ -111,7 +111,7 @@ TEST_F(KlNetworkCache, KeepsOnlyWholeCurrentBodies) {
         EXPECT_TRUE(Read(row.path) == row.expected);
         EXPECT_EQ("", testing::internal::GetCapturedStdout());
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::duration<double>(row.maxSeconds));
-        const std::string cached = keelnet::ReadWholeFile(CachePath(row.path));
+        const std::string cached = keeltest::ReadFile(CachePath(row.path));
         EXPECT_TRUE(cached == (row.expected == "<failed>" ? "" : row.expected)) << cached.size() << " bytes kept";
         EXPECT_EQ(Count(server.Log(), std::string("GET ") + row.path + " "), row.gets);
         EXPECT_TRUE(std::string(row.path).find("escape") == std::string::npos || !Write(row.path, "wb", "bad"));

@@ -1,4 +1,5 @@
 // Whole queries: on several threads at once, and through the rigwarden-check tool.
+#include "../keel/keel_test.h"
 #include "fake_machine.h"
 #include "oRigwarden.h"
 #include "oRigwardenSnapshot.h"
@@ -9,7 +10,6 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 
@@ -36,11 +36,6 @@ std::string Check(const std::string& arguments, int& status, const std::string& 
     int raw = pclose(pipe);
     status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
     return output;
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
 } // namespace
@@ -157,11 +152,11 @@ TEST(Query, CaptureThenReplayAnswersAsTheMachineDid) {
     size_t files = 0;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(snapshot)) files += entry.is_regular_file();
     EXPECT_EQ(1u + 4 + 2 * 4, files);
-    EXPECT_EQ("model name\t: CPU @ 2.10GHz\n", ReadFile(snapshot + "/proc/cpuinfo"));
+    EXPECT_EQ("model name\t: CPU @ 2.10GHz\n", keeltest::ReadFile(snapshot + "/proc/cpuinfo"));
     EXPECT_EQ("10de  NVIDIA Corporation\n\t28e0  AD107M [GeForce RTX 4060 Max-Q / Mobile]\n"
               "8086  Intel Corporation\n\ta780  Raptor Lake-S GT1 [UHD Graphics 770]\n",
-              ReadFile(snapshot + "/usr/share/misc/pci.ids"));
-    const std::string manifest = ReadFile(snapshot + "/rigwarden.json");
+              keeltest::ReadFile(snapshot + "/usr/share/misc/pci.ids"));
+    const std::string manifest = keeltest::ReadFile(snapshot + "/rigwarden.json");
     EXPECT_NE(std::string::npos, manifest.find("\n  \"Answer\": {\n    \"IsError\": false,\n")) << manifest;
     std::string version = Check("--version", live).substr(16);
     version.pop_back();
@@ -186,7 +181,7 @@ TEST(Query, CaptureThenReplayAnswersAsTheMachineDid) {
     for (const auto& damage : kDamages) {
         std::filesystem::remove_all(copy);
         std::filesystem::copy(snapshot, copy, std::filesystem::copy_options::recursive);
-        std::string text = ReadFile(copy + "/" + damage.file);
+        std::string text = keeltest::ReadFile(copy + "/" + damage.file);
         std::filesystem::remove(copy + "/" + damage.file);
         if (!damage.to.empty()) // a text without the damage's "from" throws, which fails the test
             machine.Write("damaged/" + std::string(damage.file),
